@@ -1,0 +1,31 @@
+# How everything in this project is compiled; the two libraries impose none of it on their users.
+add_library(gssip_options INTERFACE)
+target_compile_features(gssip_options INTERFACE cxx_std_17)
+target_compile_options(gssip_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wnon-virtual-dtor
+  -Woverloaded-virtual -Wcast-align -Wcast-qual -Wnull-dereference -Wformat=2 -Wundef -Wvla
+  $<$<BOOL:${GSSIP_WERROR}>:-Werror>)
+if(GSSIP_SANITIZE)
+  target_compile_options(gssip_options INTERFACE -fsanitize=${GSSIP_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(gssip_options INTERFACE -fsanitize=${GSSIP_SANITIZE})
+endif()
+
+# One shared library, with the names and properties that both share.
+function(gssip_add_library name alias)
+  add_library(${name} SHARED ${ARGN})
+  add_library(gssip::${alias} ALIAS ${name})
+  target_compile_features(${name} PUBLIC cxx_std_17)
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:gssip_options> Threads::Threads)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gssip>)
+  set_target_properties(${name} PROPERTIES
+    EXPORT_NAME ${alias}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${GSSIP_SANITIZE}>>:-Wl,--no-undefined> -Wl,--as-needed)
+endfunction()

@@ -1,0 +1,1 @@
+# Installation: filled in by the packaging of this project.

@@ -1,0 +1,10 @@
+#include "gssipPortInterface.h"
+
+unsigned gssipPortInterface::sendMessages(std::vector<gssipMessage> const& messages, bool trackAck)
+{
+    for (gssipMessage const& message : messages)
+    {
+        sendMessage(message, trackAck);
+    }
+    return 0;
+}

@@ -1,0 +1,27 @@
+#ifndef PTHREADFLAG_H
+#define PTHREADFLAG_H
+
+#include <atomic>
+
+/// A boolean that several threads read and write without further synchronisation.
+///
+/// What a thread wrote before `set()` or `clear()` is visible to a thread that has seen the new value. No operation
+/// blocks or fails; each may be called from any thread.
+class pthreadFlag
+{
+  public:
+    explicit pthreadFlag(bool const& initial) noexcept : value(initial) {}
+    ~pthreadFlag() = default;
+    pthreadFlag(pthreadFlag const&) = delete;
+    pthreadFlag& operator=(pthreadFlag const&) = delete;
+
+    void set() noexcept { value.store(true); }
+    void clear() noexcept { value.store(false); }
+    bool isSet() const noexcept { return value.load(); }
+    bool isClear() const noexcept { return !value.load(); }
+
+  private:
+    std::atomic<bool> value;
+};
+
+#endif

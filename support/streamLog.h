@@ -1,0 +1,40 @@
+#ifndef STREAMLOG_H
+#define STREAMLOG_H
+
+#include "asciiLogInterface.h"
+#include "monotonicTimeStamp.h"
+
+#include <array>
+#include <cstdio>
+#include <mutex>
+#include <ostream>
+
+/// A ready-made log sink: one line "time level text" a call, on a `std::ostream`.
+///
+/// The time is printed in seconds with six decimals; a line that has none gets the monotonic clock's. Lines of several
+/// threads never mix, as long as nobody else writes to the stream. Each line is flushed. The stream must outlive the
+/// object. Blocks as long as the stream does.
+class streamLog : public asciiLogInterface
+{
+  public:
+    explicit streamLog(std::ostream& stream) : out(stream) {}
+
+    void log(std::int32_t const& level, std::string const& text) override
+    {
+        log(monotonicTimeStamp().getTime_sec(), level, text);
+    }
+
+    void log(double const& time_sec, std::int32_t const& level, std::string const& text) override
+    {
+        std::array<char, 352> prefix{}; // the longest double takes 309 digits before its point
+        std::snprintf(prefix.data(), prefix.size(), "%.6f %d ", time_sec, static_cast<int>(level));
+        std::lock_guard<std::mutex> const lock(outMutex);
+        out << prefix.data() << text << std::endl;
+    }
+
+  private:
+    std::mutex outMutex; ///< guards `out`; nothing else is locked while it is held
+    std::ostream& out;
+};
+
+#endif
