@@ -1,0 +1,40 @@
+#!/bin/bash
+# The libraries export the documented classes and functions and nothing of their internal parts.
+# shellcheck source-path=SCRIPTDIR source=common.sh
+. "$(dirname "$0")/common.sh"
+
+classes='gssipPortInterface|gssipPort|gssipReceive|gssipSendAckReqEvent|gssipSendAckReq|ThreadSafeQueue<gssipMessage>'
+classes+='|gssipMessage|serialPort|asciiLogInterface|timeStampInterface|streamLog|monotonicTimeStamp|pthreadFlag|sentry'
+functions='gssipVersion|lockMutex|unlockMutex|setPthreadAttributes|doubleToTimespec|eventLess'
+about='(vtable for |typeinfo for |typeinfo name for |VTT for |(non-)?virtual thunk to )?'
+# A member of the class itself; a class inside it has one more "::" before the arguments.
+member='::~?[A-Za-z_0-9]+(\[abi:[a-z0-9]+\])?([(<].*)?( const)?$'
+
+for library in libgssipport.so libgssipsupport.so; do
+    symbols=$(nm --dynamic --demangle --defined-only "$(find_in "$PREFIX" "$library")" | cut -d ' ' -f 3-)
+    [[ -n $symbols ]] || fail "$library exports nothing"
+    # Instances of the standard library's templates are weak and common to every program that uses them.
+    unexpected=$(grep -vE "^$about($classes)$member|^(vtable|typeinfo|typeinfo name) for ($classes)$|^($functions)\(" \
+        <<<"$symbols" | grep -vE '^([a-z_ ]+ for |guard variable for )?((void|bool|auto) )?(std|__gnu_cxx)::|^operator (new|delete)' || true)
+    if [[ -n $unexpected ]]; then
+        fail "$library exports what it should not:"$'\n'"$unexpected"
+    fi
+    if grep -E '(implementation|framing|privateState|queueAccess|turnstile|lineClock|failureBudget|ownedThread)' <<<"$symbols"; then
+        fail "$library exports internal parts"
+    fi
+done
+
+expect_exported()
+{
+    nm --dynamic --demangle --defined-only "$(find_in "$PREFIX" "$1")" | grep -qF " $2" || fail "$1 does not export $2"
+}
+
+expect_exported libgssipport.so 'gssipPort::start()'
+expect_exported libgssipport.so 'vtable for gssipPort'
+expect_exported libgssipport.so 'typeinfo for gssipPortInterface'
+expect_exported libgssipport.so 'gssipPort::nextPortId'
+expect_exported libgssipport.so 'gssipReceive::processSOM_STATE()'
+expect_exported libgssipport.so 'gssipSendAckReq::processRetransmit(double const&, int const&)'
+expect_exported libgssipsupport.so 'gssipMessage::isValid() const'
+expect_exported libgssipsupport.so 'serialPort::open()'
+expect_exported libgssipsupport.so 'gssipVersion()'
