@@ -1,0 +1,89 @@
+#include "allocations.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace
+{
+
+thread_local std::size_t made = 0;
+thread_local bool failureAhead = false;
+thread_local std::size_t successesLeft = 0;
+
+void* allocate(std::size_t size)
+{
+    if (failureAhead && successesLeft == 0)
+    {
+        failureAhead = false;
+        throw std::bad_alloc();
+    }
+    if (failureAhead)
+    {
+        --successesLeft;
+    }
+    void* const memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    ++made;
+    return memory;
+}
+
+} // namespace
+
+void* operator new(std::size_t size)
+{
+    return allocate(size);
+}
+
+void* operator new[](std::size_t size)
+{
+    return allocate(size);
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete[](void* memory, std::size_t /*size*/) noexcept
+{
+    std::free(memory);
+}
+
+namespace kit
+{
+
+std::size_t allocationsMade()
+{
+    return made;
+}
+
+oneFailingAllocation::oneFailingAllocation(std::size_t successes)
+{
+    successesLeft = successes;
+    failureAhead = true;
+}
+
+oneFailingAllocation::~oneFailingAllocation()
+{
+    failureAhead = false;
+}
+
+bool oneFailingAllocation::happened() const
+{
+    return !failureAhead;
+}
+
+} // namespace kit

@@ -1,0 +1,31 @@
+#ifndef KIT_ALLOCATIONS_H
+#define KIT_ALLOCATIONS_H
+
+#include <cstddef>
+
+/// \file
+/// Watches and fails the memory that the calling thread takes with `operator new`, the library's share included.
+/// Link allocations.cpp into the test program: it replaces the operator there.
+
+namespace kit
+{
+
+/// The number of allocations that the calling thread has made so far.
+std::size_t allocationsMade();
+
+/// While it lives, the calling thread's allocations succeed `successes` times; the next one throws `std::bad_alloc`,
+/// and those after it succeed again.
+class oneFailingAllocation
+{
+  public:
+    explicit oneFailingAllocation(std::size_t successes);
+    ~oneFailingAllocation();
+    oneFailingAllocation(oneFailingAllocation const&) = delete;
+    oneFailingAllocation& operator=(oneFailingAllocation const&) = delete;
+
+    bool happened() const; ///< true once the failure has been delivered
+};
+
+} // namespace kit
+
+#endif
