@@ -27,5 +27,8 @@ function(gssip_add_library name alias)
     CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
-  target_link_options(${name} PRIVATE $<$<NOT:$<BOOL:${GSSIP_SANITIZE}>>:-Wl,--no-undefined> -Wl,--as-needed)
+  target_link_options(${name} PRIVATE -Wl,--as-needed)
+  if(NOT GSSIP_SANITIZE) # whose functions stand in the program
+    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+  endif()
 endfunction()
