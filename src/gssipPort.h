@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <pthread.h>
 #include <string>
@@ -159,26 +160,33 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     static std::atomic<std::uint32_t> nextPortId;
 
   private:
-    class queueAccess;
     struct privateState;
+    class queueAccess;
+    class announced;
+
+    void initializeSynchronisation();
+    void destroySynchronisation();
 
     bool isOwnThread() const;
     bool anyThreadExists() const;
     void expectStop();
-    void endThreads();
     int stopEverything();
+    void endThreads();
     std::shared_ptr<gssipReceive> currentReceiver() const;
     int constructReceiver();
 
-    bool mayTransmit();
-    void waitForWork();
-    bool takeNextMessage(gssipMessage& message, bool& trackAck);
-    int transmitOne(gssipMessage& message, int previous);
+    int transmitNext(gssipMessage& message, int previousStatus);
+    bool takeFromQueue(gssipMessage& message, bool& trackAck);
+    bool mayTake() const;
+    void appendTracked(std::vector<gssipMessage>::const_iterator first, unsigned count);
+    int waitForGate(double timeout_sec);
     int writeFrame(gssipMessage& message, std::function<void()> const& beforeFirstByte);
     int writeTracked(gssipMessage& message);
 
-    bool acknowledgeAndTrack(gssipMessage const& message, std::uint64_t arrival, int& result, bool& handled);
-    void reportInvalidMessage();
+    int deliver(gssipMessage const& message);
+    bool acknowledgeAndTrack(gssipMessage const& message, std::uint64_t arrival, int& status, bool& handled);
+    bool openGateFor(gssipMessage const& message, bool handled);
+    void reportInvalid();
 
     std::unique_ptr<privateState> own;
 };

@@ -89,7 +89,7 @@ class GSSIP_EXPORT gssipReceive
 
   private:
     class framing;
-    friend class framing;
+    class frameEnd;
 
     /// From now on a failing read is the stop's doing: the reading thread leaves without a log line.
     void expectStop();
@@ -102,6 +102,11 @@ class GSSIP_EXPORT gssipReceive
     void readOnce();
     void appendBytesRead();
     void frameOnce();
+    void stepAlone(void (gssipReceive::*step)());
+    void findStart();
+    void frameHeader();
+    void frameData();
+    gssipMessage messageFromHeader();
 
     std::unique_ptr<framing> own;
 };

@@ -93,24 +93,34 @@ class GSSIP_EXPORT gssipSendAckReq
     struct privateState;
     class queueAccess;
 
+    /// What has become of a message between the start of its writing and its registration.
+    enum class fate { none, awaited, acknowledged, refused };
+
     /// Tells that a message is about to be written, so that an acknowledgement that comes before the message is
-    /// registered finds it. Ended by `endAnnouncement`.
+    /// registered finds it. Ended by `registerMessage` or `endAnnouncement`.
     void announce(gssipMessage const& message);
     /// The driver is about to take the announced message's first byte; `arrivals` messages have been received.
     void announcedIsOnItsWay(std::uint64_t arrivals);
     void endAnnouncement();
+    int registerMessage(gssipMessage const& message, bool wasAnnounced);
 
     bool anyThreadExists() const;
     bool mayRun() const;
+    int awaitEventThread();
+
+    // The caller of these holds `eventQMutex`.
     void sortQueue();
+    void followClock();
+    static void moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns);
+    int enqueue(gssipSendAckReqEvent& event);
+    int dueAtOnce(gssipSendAckReqEvent& event);
     int matchPending(gssipMessage const& message, int index);
     void matchAnnounced(gssipMessage const& message, std::uint64_t arrival);
-    int enqueue(gssipSendAckReqEvent& event);
-    int serveQueue();
-    int waitForWork();
-    int waitForDeadline(gssipSendAckReqEvent const& front);
     int serveTimeout(std::uint32_t eventId);
+    int resend(gssipSendAckReqEvent& event, double const& time);
     void dropEvent(std::uint32_t eventId);
+
+    int serveQueue();
 
     std::unique_ptr<privateState> own;
 };

@@ -1,0 +1,238 @@
+#include "wakeableDescriptor.h"
+
+#include "monotonicTime.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace gssipInternal
+{
+namespace
+{
+
+void wake(int event)
+{
+    std::uint64_t const one = 1;
+    // Fails only when the counter is full, and then the event is set already.
+    [[maybe_unused]] ssize_t const written = ::write(event, &one, sizeof one);
+}
+
+void drain(int event)
+{
+    std::uint64_t count = 0;
+    // Fails only when the event is not set, and then there is nothing to drain.
+    [[maybe_unused]] ssize_t const taken = ::read(event, &count, sizeof count);
+}
+
+void closeIfOpen(int& descriptor)
+{
+    if (descriptor >= 0)
+    {
+        ::close(descriptor);
+        descriptor = -1;
+    }
+}
+
+/// poll on the descriptor (for `events`) and on the event: the number that are ready, 0 at the deadline.
+int pollUntil(std::array<pollfd, 2>& polled, std::int64_t deadline_ns)
+{
+    int count = 0;
+    do
+    {
+        timespec left{};
+        if (deadline_ns != NEVER_NS)
+        {
+            left = toTimespec(std::max<std::int64_t>(deadline_ns - monotonicNow_ns(), 0));
+        }
+        count = ppoll(polled.data(), polled.size(), deadline_ns == NEVER_NS ? nullptr : &left, nullptr);
+    } while (count < 0 && errno == EINTR);
+    return count;
+}
+
+std::chrono::steady_clock::time_point steadyTime(std::int64_t ns)
+{
+    return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(ns));
+}
+
+} // namespace
+
+wakeableDescriptor::use::use(wakeableDescriptor& wakeable, role purposeOfUse) : owner(wakeable), purpose(purposeOfUse)
+{
+    std::lock_guard<std::mutex> const lock(owner.mutex);
+    generationSeen = owner.generation;
+    if (owner.openNow)
+    {
+        ++owner.usersOf(purpose);
+        descriptorNumber = owner.descriptor;
+        wakeNumber = purpose == role::reader ? owner.readerWake : owner.writerWake;
+    }
+}
+
+wakeableDescriptor::use::~use()
+{
+    if (descriptorNumber >= 0)
+    {
+        std::lock_guard<std::mutex> const lock(owner.mutex);
+        --owner.usersOf(purpose);
+        owner.changed.notify_all();
+    }
+}
+
+wakeableDescriptor::ending wakeableDescriptor::use::wait(short events, std::int64_t deadline_ns)
+{
+    for (;;)
+    {
+        std::array<pollfd, 2> polled{{{events != 0 ? descriptorNumber : -1, events, 0}, {wakeNumber, POLLIN, 0}}};
+        if (pollUntil(polled, deadline_ns) == 0)
+        {
+            return ending::timeout;
+        }
+        if (polled[1].revents != 0)
+        {
+            ending const why = owner.whyWoken(purpose);
+            if (why != ending::timeout)
+            {
+                return why;
+            }
+        }
+        if (polled[0].revents != 0)
+        {
+            return ending::ready;
+        }
+    }
+}
+
+wakeableDescriptor::~wakeableDescriptor()
+{
+    closeIfOpen(readerWake);
+    closeIfOpen(writerWake);
+}
+
+int wakeableDescriptor::adopt(int opened)
+{
+    int const forReaders = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    int const forWriters = forReaders < 0 ? -1 : eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (forWriters < 0)
+    {
+        int const status = errno;
+        if (forReaders >= 0)
+        {
+            ::close(forReaders);
+        }
+        return status;
+    }
+    std::lock_guard<std::mutex> const lock(mutex);
+    descriptor = opened;
+    readerWake = forReaders;
+    writerWake = forWriters;
+    cut = false;
+    interrupted = false;
+    ++generation;
+    openNow = true;
+    changed.notify_all();
+    return 0;
+}
+
+void wakeableDescriptor::interruptReader()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    interrupted = true;
+    if (readerWake >= 0)
+    {
+        wake(readerWake);
+    }
+    changed.notify_all();
+}
+
+wakeableDescriptor::ending wakeableDescriptor::pause(std::uint64_t since, std::int64_t deadline_ns)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait_until(lock, steadyTime(deadline_ns), [&] { return interrupted || generation != since; });
+    if (interrupted)
+    {
+        interrupted = false;
+        if (readerWake >= 0)
+        {
+            drain(readerWake);
+        }
+        return ending::interrupted;
+    }
+    if (generation == since)
+    {
+        return ending::timeout;
+    }
+    return openNow ? ending::reopened : ending::closed;
+}
+
+int wakeableDescriptor::beginClose()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (!openNow)
+    {
+        return -1;
+    }
+    openNow = false;
+    ++generation;
+    wake(readerWake);
+    changed.notify_all();
+    return descriptor;
+}
+
+void wakeableDescriptor::cutOff()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    cut = true;
+    wake(writerWake);
+}
+
+bool wakeableDescriptor::hasWriters()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    return writers != 0;
+}
+
+bool wakeableDescriptor::waitForWriters(std::int64_t deadline_ns)
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_until(lock, steadyTime(deadline_ns), [this] { return writers == 0; });
+}
+
+void wakeableDescriptor::waitForUsers()
+{
+    std::unique_lock<std::mutex> lock(mutex);
+    changed.wait(lock, [this] { return writers == 0 && others == 0; });
+}
+
+int wakeableDescriptor::release()
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    closeIfOpen(readerWake);
+    closeIfOpen(writerWake);
+    int const released = descriptor;
+    descriptor = -1;
+    return released;
+}
+
+/// Why the event of these users is set; `timeout` when the reason has passed already.
+wakeableDescriptor::ending wakeableDescriptor::whyWoken(role purpose)
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    if (purpose == role::reader ? !openNow : cut)
+    {
+        return ending::closed; // the event stays set, for every user that is still inside
+    }
+    if (purpose == role::reader && interrupted)
+    {
+        interrupted = false;
+        drain(readerWake);
+        return ending::interrupted;
+    }
+    return ending::timeout;
+}
+
+} // namespace gssipInternal
