@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <limits>
 #include <string>
 
 int main(int argc, char** argv)
@@ -19,7 +20,9 @@ int main(int argc, char** argv)
     std::string device;
     unsigned speed = 115200;
     CLI::Option* const deviceOption = program.add_option("DEVICE", device, "serial device to receive on");
-    program.add_option("SPEED", speed, "its speed in bit/s, 8N1")->check(CLI::PositiveNumber)->capture_default_str();
+    program.add_option("SPEED", speed, "its speed in bit/s, 8N1")
+        ->check(CLI::Range(1U, std::numeric_limits<unsigned>::max()))
+        ->capture_default_str();
     program.footer("Exit status: 0 when everything happened as it should, 1 when not (or the device cannot be used),\n"
                    "2 for a wrong command line, 128 + the signal's number when interrupted.");
     try

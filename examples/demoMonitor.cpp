@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <optional>
 #include <pthread.h>
 
 namespace examples
@@ -28,29 +27,6 @@ sigset_t blockEndingSignals()
     return ending;
 }
 
-int configure(gssipPortInterface& port, unsigned speed)
-{
-    return port.configurePort(speed, 8, PARITY_NONE, 1, 0, 0.2, 0.6, 3);
-}
-
-/// Receives until a signal comes, and returns it; nothing when the port cannot be started.
-std::optional<int> receiveUntilSignal(std::string const& device, unsigned speed, demoJournal& journal)
-{
-    sigset_t const ending = blockEndingSignals();
-    demoStation station("recv", device, journal, demoStation::invalidMessages::SHOW);
-    if (configure(station.port(), speed) != 0 || !station.start())
-    {
-        return std::nullopt;
-    }
-    std::string settings;
-    station.port().getPortConfigStr(settings);
-    journal.heading("Receiving until interrupted: " + settings + "\n");
-    int signal = 0;
-    sigwait(&ending, &signal);
-    station.stop();
-    return signal;
-}
-
 class silence : public asciiLogInterface
 {
   public:
@@ -58,8 +34,8 @@ class silence : public asciiLogInterface
     void log(double const&, std::int32_t const&, std::string const&) override {}
 };
 
-/// A port only says that it could not be started; the device itself says why.
-std::string reasonFor(std::string const& device, unsigned speed)
+/// Why the device cannot be used; empty when it can. A port would only say that it could not be started.
+std::string obstacle(std::string const& device, unsigned speed)
 {
     silence log;
     serialPort serial(device, log);
@@ -68,7 +44,7 @@ std::string reasonFor(std::string const& device, unsigned speed)
     switch (result)
     {
     case 0:
-        return "it was in use a moment ago; try again";
+        return "";
     case EBUSY:
         return "another program is using it";
     case EINVAL:
@@ -78,18 +54,42 @@ std::string reasonFor(std::string const& device, unsigned speed)
     }
 }
 
+bool startAt(demoStation& station, unsigned speed)
+{
+    return station.port().configurePort(speed, 8, PARITY_NONE, 1, 0, 0.2, 0.6, 3) == 0 && station.start();
+}
+
+void introduce(gssipPortInterface& port, demoJournal& journal)
+{
+    std::string settings;
+    port.getPortConfigStr(settings);
+    journal.note(settings);
+    journal.note("Receiving until interrupted.\n");
+    journal.columnTitles();
+}
+
 } // namespace
 
 int monitorDevice(std::string const& device, unsigned speed, std::ostream& out, std::ostream& errors)
 {
+    sigset_t const ending = blockEndingSignals();
+    std::string problem = obstacle(device, speed);
     demoJournal journal(out);
-    if (std::optional<int> const signal = receiveUntilSignal(device, speed, journal))
+    demoStation station("", device, journal, demoStation::invalidMessages::SHOW);
+    if (problem.empty() && !startAt(station, speed))
     {
-        return 128 + *signal;
+        problem = "the port did not start";
     }
-    errors << "gssip-demo: cannot receive on " << device << " at " << speed << " bit/s: " << reasonFor(device, speed)
-           << std::endl;
-    return 1;
+    if (!problem.empty())
+    {
+        errors << "gssip-demo: cannot receive on " << device << " at " << speed << " bit/s: " << problem << std::endl;
+        return 1;
+    }
+    introduce(station.port(), journal);
+    int signal = 0;
+    sigwait(&ending, &signal);
+    station.stop();
+    return 128 + signal;
 }
 
 } // namespace examples

@@ -35,7 +35,7 @@ std::string layOut(std::string const& time, std::string const& where, std::strin
                    std::string const& image, std::string const& remark)
 {
     std::string line = padded(time, 8) + "  " + padded(where, 7) + "  " + padded(id, 6) + "  " + padded(flags, 28) +
-                       "  " + padded(image, 38) + "  " + remark;
+                       "  " + padded(image, 41) + "  " + remark;
     line.erase(line.find_last_not_of(' ') + 1);
     return line;
 }
@@ -72,8 +72,8 @@ std::string flagsInWords(std::uint16_t flags)
 
 std::string hexShortened(bytes const& image)
 {
-    constexpr std::size_t most = 12;
-    constexpr std::size_t beginning = 10;
+    constexpr std::size_t most = 14;
+    constexpr std::size_t beginning = 11;
     constexpr std::size_t end = 2;
     std::string text = image.size() <= most ? hex(image, 0, image.size())
                                             : hex(image, 0, beginning) + ".. " + hex(image, image.size() - end, end);
