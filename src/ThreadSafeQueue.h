@@ -84,7 +84,7 @@ class GSSIP_EXPORT ThreadSafeQueue
     /// How many elements have been pushed so far. Never blocks.
     std::uint64_t pushed() const { return counts->pushed.load(std::memory_order_acquire); }
 
-    std::deque<T> queue;                    // guarded by queueMutex
+    std::deque<T> queue;                    ///< the elements, the oldest in front; guarded by queueMutex
     mutable std::mutex queueMutex;          ///< guards `queue`; the last lock in any order
     std::condition_variable queueCondition; ///< with `queueMutex`: an element came, or the queue was stopped
     std::atomic<bool> stopped{false};       ///< set with `queueMutex` held (see `stop`), so that no consumer misses it

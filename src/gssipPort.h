@@ -160,9 +160,9 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     static std::atomic<std::uint32_t> nextPortId;
 
   private:
-    struct privateState;
-    class queueAccess;
-    class announced;
+    struct GSSIP_HIDDEN privateState;
+    class GSSIP_HIDDEN queueAccess;
+    class GSSIP_HIDDEN announced;
 
     void initializeSynchronisation();
     void destroySynchronisation();

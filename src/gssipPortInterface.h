@@ -70,6 +70,7 @@ class GSSIP_EXPORT gssipPortInterface
 
     /// Queues a copy of the message for the transmit thread.
     ///
+    /// \param message  its checksums and its send time are set when it is written
     /// \param trackAck true: a message that requests acknowledgement is resent once if none comes, false: it is not
     /// \return always 0; on a port whose device is not open the message is silently dropped
     ///
@@ -109,6 +110,7 @@ class GSSIP_EXPORT gssipPortInterface
 
     /// Whether `getMessage` answers messages that request acknowledgement with ACK or NAK; true at first.
     virtual void setReceiveAutoAcknowledgeEnable(bool const& enable) = 0;
+    /// As last set; true at first. Never blocks.
     virtual bool getReceiveAutoAcknowledgeEnable() = 0;
 
     /// Takes the next received message that is meant for the application; blocks until there is one.

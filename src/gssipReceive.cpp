@@ -90,6 +90,7 @@ class gssipReceive::frameEnd
     std::size_t const length;
 };
 
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): of readBuffer only what a read has filled is used
 gssipReceive::gssipReceive(gssipPort& owningPort, asciiLogInterface* logToUse)
     : port(owningPort), state(SOM_STATE), bytesRead(0), frameBuffer(INITIAL_BYTES),
       log(gssipInternal::discardLog::unless(logToUse)), stopRead(false), stopProcess(false), dataAvailable(false),
@@ -197,14 +198,20 @@ void gssipReceive::processReceiveQ()
     std::unique_lock<std::mutex> lock(frameMutex);
     while (!stopProcess)
     {
-        if (!dataAvailable)
-        {
-            own->settle();
-            frameCondition.wait(lock, [this] { return dataAvailable || stopProcess; });
-        }
+        waitForBytes(lock);
         frameOnce();
     }
     own->settle();
+}
+
+/// Erases what has been framed before the mutex is released; goes on at once while there may be more to frame.
+void gssipReceive::waitForBytes(std::unique_lock<std::mutex>& lock)
+{
+    if (!dataAvailable)
+    {
+        own->settle();
+        frameCondition.wait(lock, [this] { return dataAvailable || stopProcess; });
+    }
 }
 
 void gssipReceive::frameOnce()

@@ -88,8 +88,8 @@ class GSSIP_EXPORT gssipReceive
     bool dataAvailable;            ///< `frameBuffer` may hold bytes not yet tried; guarded by frameMutex
 
   private:
-    class framing;
-    class frameEnd;
+    class GSSIP_HIDDEN framing;
+    class GSSIP_HIDDEN frameEnd;
 
     /// From now on a failing read is the stop's doing: the reading thread leaves without a log line.
     void expectStop();
@@ -101,6 +101,7 @@ class GSSIP_EXPORT gssipReceive
     void startThreads();
     void readOnce();
     void appendBytesRead();
+    void waitForBytes(std::unique_lock<std::mutex>& lock);
     void frameOnce();
     void stepAlone(void (gssipReceive::*step)());
     void findStart();

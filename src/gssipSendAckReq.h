@@ -28,6 +28,8 @@ class gssipPort;
 class GSSIP_EXPORT gssipSendAckReq
 {
   public:
+    /// Creates mutex and condition, no thread. The port and the log must outlive the tracker; a null log drops every
+    /// line.
     gssipSendAckReq(gssipPort& port, asciiLogInterface* log);
     /// The event thread must have been ended.
     ~gssipSendAckReq();
@@ -56,7 +58,7 @@ class GSSIP_EXPORT gssipSendAckReq
 
     /// The position in the queue of the first event that matches, or -1. The caller holds `eventQMutex`.
     int findFirstEventByEventId(unsigned const& eventId);
-    int findFirstEventByMessageId(unsigned short const& messageId);
+    int findFirstEventByMessageId(unsigned short const& messageId); ///< the same for the message's id
 
     /// Forgets every pending event.
     void clearQueue();
@@ -90,8 +92,8 @@ class GSSIP_EXPORT gssipSendAckReq
     asciiLogInterface* log; ///< never null
 
   private:
-    struct privateState;
-    class queueAccess;
+    struct GSSIP_HIDDEN privateState;
+    class GSSIP_HIDDEN queueAccess;
 
     /// What has become of a message between the start of its writing and its registration.
     enum class fate { none, awaited, acknowledged, refused };

@@ -29,6 +29,21 @@ gssipMessage::gssipMessage(std::uint16_t const& id, std::uint16_t const& flags, 
 
 gssipMessage::~gssipMessage() = default;
 
+gssipMessage& gssipMessage::operator=(gssipMessage const& other)
+{
+    if (this != &other)
+    {
+        header.reserve(other.header.size());
+        data.reserve(other.data.size()); // from here on nothing can fail: all of the message changes, or nothing
+        header = other.header;
+        data = other.data;
+        dataChecksum = other.dataChecksum;
+        sendTimeStamp_sec = other.sendTimeStamp_sec;
+        receiveTimeStamp_sec = other.receiveTimeStamp_sec;
+    }
+    return *this;
+}
+
 bool gssipMessage::isValid() const
 {
     return getSOM() == SOM && getHeaderChecksum() == computeHeaderChecksum() && data.size() == getDataWordSize() &&
@@ -56,6 +71,7 @@ void gssipMessage::setId(std::uint16_t const& id)
 
 void gssipMessage::setDataWordSize(std::uint16_t const& count, bool resize)
 {
+    makeHeader(); // first: when memory runs out nothing changes
     if (resize)
     {
         data.resize(count);
@@ -219,11 +235,16 @@ std::uint16_t gssipMessage::headerAt(headerWord place) const
 
 void gssipMessage::setHeaderAt(headerWord place, std::uint16_t value)
 {
+    makeHeader();
+    header[place] = value;
+}
+
+void gssipMessage::makeHeader()
+{
     if (header.empty())
     {
         header.assign({SOM, 0, 0, 0, 0});
     }
-    header[place] = value;
 }
 
 std::uint16_t gssipMessage::computeHeaderChecksum() const

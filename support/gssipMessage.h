@@ -35,10 +35,11 @@ class GSSIP_EXPORT gssipMessage
     /// A message with `count` data words, all zero, and right checksums; 0 gives a header-only message.
     gssipMessage(std::uint16_t const& id, std::uint16_t const& flags, std::uint16_t const& count);
 
-    gssipMessage(gssipMessage const&) = default;
-    gssipMessage& operator=(gssipMessage const&) = default;
+    gssipMessage(gssipMessage const&) = default;        ///< a deep copy, time stamps included
+    gssipMessage& operator=(gssipMessage const& other); ///< a deep copy, time stamps included
     /// Moving neither allocates nor throws; the source is then as after `clear()`, but for its data checksum and times.
     gssipMessage(gssipMessage&&) noexcept = default;
+    /// As move construction.
     gssipMessage& operator=(gssipMessage&&) noexcept = default;
 
     virtual ~gssipMessage();
@@ -50,12 +51,12 @@ class GSSIP_EXPORT gssipMessage
     /// Back to the state of a default-constructed message. Keeps the memory for later use.
     void clear() noexcept;
 
-    void setSOM(std::uint16_t const& word);
-    void setId(std::uint16_t const& id);
+    void setSOM(std::uint16_t const& word); ///< stores a start-of-message word, right or not
+    void setId(std::uint16_t const& id);    ///< stores the id
     /// Stores the data word count in the header. With `resize` the data words are brought to that number too (new
     /// ones are zero), without it they stay as they are.
     void setDataWordSize(std::uint16_t const& count, bool resize);
-    void setProtocolFlags(std::uint16_t const& flags);
+    void setProtocolFlags(std::uint16_t const& flags); ///< stores the whole flags word
     /// Stores a header checksum, right or not.
     void setHeaderChecksum(std::uint16_t const& checksum);
     /// Computes and stores the header checksum of the message as it stands.
@@ -65,24 +66,24 @@ class GSSIP_EXPORT gssipMessage
     /// Computes and stores the data checksum of the data words that are sent; 0 when there are none.
     void setDataChecksum();
 
-    std::uint16_t getSOM() const;
-    std::uint16_t getId() const;
-    std::uint16_t getDataWordSize() const; ///< the count in the header
-    std::uint16_t getProtocolFlags() const;
+    std::uint16_t getSOM() const;            ///< the start-of-message word as stored
+    std::uint16_t getId() const;             ///< the id
+    std::uint16_t getDataWordSize() const;   ///< the count in the header
+    std::uint16_t getProtocolFlags() const;  ///< the whole flags word
     std::uint16_t getHeaderChecksum() const; ///< as last computed or stored
     std::uint16_t getDataChecksum() const;   ///< as last computed or stored
 
     /// The data words, to be changed at will; the count in the header is the caller's to keep in step.
     std::vector<std::uint16_t>& getData();
-    std::vector<std::uint16_t> const& getData() const;
+    std::vector<std::uint16_t> const& getData() const; ///< the data words held
     /// Sets the data words and the count in the header together. False, and nothing changes, for more than 65535.
     bool setData(std::vector<std::uint16_t> const& words);
 
-    bool isHeaderMessage() const; ///< true when the count in the header is 0
-    bool isAckReqFlagSet() const;
-    bool isAckMsgFlagSet() const;
-    bool isNakMsgFlagSet() const;
-    bool isHandshakeFlagSet() const;
+    bool isHeaderMessage() const;    ///< true when the count in the header is 0
+    bool isAckReqFlagSet() const;    ///< true when ACK_REQ_FLAG is set, whatever else is
+    bool isAckMsgFlagSet() const;    ///< true when ACK_FLAG is set, whatever else is
+    bool isNakMsgFlagSet() const;    ///< true when NAK_FLAG is set, whatever else is
+    bool isHandshakeFlagSet() const; ///< true when HANDSHAKE_FLAG is set, whatever else is
 
     /// The message as it stands on the line, checksums as stored. It follows the count N in the header: data words
     /// beyond N are left out and missing ones are zero, so that the result is always one whole frame.
@@ -90,14 +91,15 @@ class GSSIP_EXPORT gssipMessage
     /// The length of that image in bytes: 10 when N is 0, (N + 6) × 2 otherwise.
     unsigned getSizeBytes() const;
 
-    void setSendTimeStamp(double const& time_sec); ///< seconds of the port's time-stamp source
-    double getSendTimeStamp() const;
+    void setSendTimeStamp(double const& time_sec);    ///< seconds of the port's time-stamp source
+    double getSendTimeStamp() const;                  ///< as last set; 0.0 at first
     void setReceiveTimeStamp(double const& time_sec); ///< seconds of the port's time-stamp source
-    double getReceiveTimeStamp() const;
+    double getReceiveTimeStamp() const;               ///< as last set; 0.0 at first
 
   private:
     enum headerWord : std::size_t { SOM_WORD, ID_WORD, COUNT_WORD, FLAGS_WORD, CHECKSUM_WORD, HEADER_WORDS };
 
+    void makeHeader();
     std::uint16_t headerAt(headerWord place) const;
     void setHeaderAt(headerWord place, std::uint16_t value);
     std::uint16_t computeHeaderChecksum() const;

@@ -10,15 +10,16 @@
 class pthreadFlag
 {
   public:
+    /// A flag that is set when `initial` is true, else clear.
     explicit pthreadFlag(bool const& initial) noexcept : value(initial) {}
     ~pthreadFlag() = default;
     pthreadFlag(pthreadFlag const&) = delete;
     pthreadFlag& operator=(pthreadFlag const&) = delete;
 
-    void set() noexcept { value.store(true); }
-    void clear() noexcept { value.store(false); }
-    bool isSet() const noexcept { return value.load(); }
-    bool isClear() const noexcept { return !value.load(); }
+    void set() noexcept { value.store(true); }              ///< makes it true
+    void clear() noexcept { value.store(false); }           ///< makes it false
+    bool isSet() const noexcept { return value.load(); }    ///< true when it is set
+    bool isClear() const noexcept { return !value.load(); } ///< true when it is not set
 
   private:
     std::atomic<bool> value;

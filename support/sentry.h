@@ -9,6 +9,7 @@
 class sentry
 {
   public:
+    /// Locks the mutex.
     explicit sentry(pthread_mutex_t& mutexToHold) noexcept : mutex(mutexToHold) { pthread_mutex_lock(&mutex); }
     ~sentry() { pthread_mutex_unlock(&mutex); }
     sentry(sentry const&) = delete;

@@ -461,21 +461,16 @@ int serialPort::implementation::readAsLimited(wakeableDescriptor::use& use, line
                                               unsigned char* buffer, unsigned capacity, unsigned& received)
 {
     unsigned const wanted = std::min<unsigned>(limits.vmin, capacity);
+    int status = 0;
     do
     {
-        switch (use.wait(POLLIN, readDeadline_ns(limits, received)))
+        if (use.wait(POLLIN, readDeadline_ns(limits, received)) != wakeableDescriptor::ending::ready)
         {
-        case wakeableDescriptor::ending::ready:
-            if (int const status = readSome(use.descriptor(), buffer, capacity, received); status != 0)
-            {
-                return received > 0 ? 0 : status;
-            }
-            break;
-        default:
             return 0;
         }
-    } while (received < wanted);
-    return 0;
+        status = readSome(use.descriptor(), buffer, capacity, received);
+    } while (status == 0 && received < wanted);
+    return received > 0 ? 0 : status; // bytes first: a failure behind them comes again
 }
 
 std::int64_t serialPort::implementation::readDeadline_ns(lineSettings const& limits, unsigned received)

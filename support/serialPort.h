@@ -69,11 +69,11 @@ class GSSIP_EXPORT serialPort
     /// Never blocks.
     bool isOpen() const;
 
-    int setRaw();                          ///< raw mode; the line is raw anyway
-    int setSpeed(unsigned const& speed);   ///< bit/s, any rate that the driver can make; 0 is EINVAL
-    int setDataBits(unsigned const& bits); ///< 5 to 8
-    int setParity(PARITY_TYPE const& parity);
-    int setStopBits(unsigned const& bits); ///< 1 or 2
+    int setRaw();                             ///< raw mode; the line is raw anyway
+    int setSpeed(unsigned const& speed);      ///< bit/s, any rate that the driver can make; 0 is EINVAL
+    int setDataBits(unsigned const& bits);    ///< 5 to 8
+    int setParity(PARITY_TYPE const& parity); ///< one of the five above; EINVAL for any other value
+    int setStopBits(unsigned const& bits);    ///< 1 or 2
     /// When `receive` returns, as termios defines it: VMIN 0 to 255 bytes, VTIME 0 to 255 tenths of a second.
     int setVminVtime(unsigned char const& vmin, unsigned char const& vtime);
     int getVminVtime(unsigned char& vmin, unsigned char& vtime); ///< what is in force; always 0
@@ -114,7 +114,7 @@ class GSSIP_EXPORT serialPort
     std::string getPort(); ///< the device name given to the constructor
 
   private:
-    class implementation;
+    class GSSIP_HIDDEN implementation;
     std::unique_ptr<implementation> own;
 };
 

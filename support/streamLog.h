@@ -17,6 +17,7 @@
 class streamLog : public asciiLogInterface
 {
   public:
+    /// Writes to that stream from now on.
     explicit streamLog(std::ostream& stream) : out(stream) {}
 
     void log(std::int32_t const& level, std::string const& text) override

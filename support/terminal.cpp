@@ -72,21 +72,18 @@ class attributes
 
     unsigned speed() const { return values.c_ospeed; }
 
+    /// Standard rates keep their code, by which other programs know them.
     int setSpeed(unsigned speed)
     {
-        tcflag_t code = BOTHER;
-        if (!arbitraryRates)
+        auto const* const rate = std::find_if(STANDARD_RATES.begin(), STANDARD_RATES.end(),
+                                              [&](standardRate const& each) { return each.speed == speed; });
+        bool const isStandard = rate != STANDARD_RATES.end();
+        if (!isStandard && !arbitraryRates)
         {
-            auto const* const rate = std::find_if(STANDARD_RATES.begin(), STANDARD_RATES.end(),
-                                                  [&](standardRate const& each) { return each.speed == speed; });
-            if (rate == STANDARD_RATES.end())
-            {
-                return EINVAL;
-            }
-            code = rate->code;
+            return EINVAL;
         }
         values.c_cflag &= ~static_cast<tcflag_t>(CBAUD | CIBAUD); // an input rate of 0 means that of the output
-        values.c_cflag |= code;
+        values.c_cflag |= isStandard ? rate->code : tcflag_t{BOTHER};
         values.c_ispeed = speed;
         values.c_ospeed = speed;
         return 0;

@@ -9,7 +9,7 @@
 namespace
 {
 
-constexpr std::size_t STACK_BYTES = 256 * 1024;
+constexpr std::size_t STACK_BYTES = std::size_t{256} * 1024;
 
 void* endAtOnce(void* /*unused*/)
 {

@@ -64,7 +64,7 @@ std::chrono::steady_clock::time_point steadyTime(std::int64_t ns)
 wakeableDescriptor::use::use(wakeableDescriptor& wakeable, role purposeOfUse) : owner(wakeable), purpose(purposeOfUse)
 {
     std::lock_guard<std::mutex> const lock(owner.mutex);
-    generationSeen = owner.generation;
+    generationSeen = owner.generation; // NOLINT(cppcoreguidelines-prefer-member-initializer): under the lock
     if (owner.openNow)
     {
         ++owner.usersOf(purpose);
@@ -85,26 +85,27 @@ wakeableDescriptor::use::~use()
 
 wakeableDescriptor::ending wakeableDescriptor::use::wait(short events, std::int64_t deadline_ns)
 {
-    for (;;)
+    std::optional<ending> end;
+    while (!end)
     {
-        std::array<pollfd, 2> polled{{{events != 0 ? descriptorNumber : -1, events, 0}, {wakeNumber, POLLIN, 0}}};
-        if (pollUntil(polled, deadline_ns) == 0)
-        {
-            return ending::timeout;
-        }
-        if (polled[1].revents != 0)
-        {
-            ending const why = owner.whyWoken(purpose);
-            if (why != ending::timeout)
-            {
-                return why;
-            }
-        }
-        if (polled[0].revents != 0)
-        {
-            return ending::ready;
-        }
+        end = waitOnce(events, deadline_ns);
     }
+    return *end;
+}
+
+/// Nothing when the event was set for a reason that has passed.
+std::optional<wakeableDescriptor::ending> wakeableDescriptor::use::waitOnce(short events, std::int64_t deadline_ns)
+{
+    std::array<pollfd, 2> polled{{{events != 0 ? descriptorNumber : -1, events, 0}, {wakeNumber, POLLIN, 0}}};
+    if (pollUntil(polled, deadline_ns) == 0)
+    {
+        return ending::timeout;
+    }
+    if (polled[1].revents != 0)
+    {
+        return owner.whyWoken(purpose);
+    }
+    return ending::ready;
 }
 
 wakeableDescriptor::~wakeableDescriptor()
@@ -155,11 +156,7 @@ wakeableDescriptor::ending wakeableDescriptor::pause(std::uint64_t since, std::i
     changed.wait_until(lock, steadyTime(deadline_ns), [&] { return interrupted || generation != since; });
     if (interrupted)
     {
-        interrupted = false;
-        if (readerWake >= 0)
-        {
-            drain(readerWake);
-        }
+        takeInterruption();
         return ending::interrupted;
     }
     if (generation == since)
@@ -218,8 +215,8 @@ int wakeableDescriptor::release()
     return released;
 }
 
-/// Why the event of these users is set; `timeout` when the reason has passed already.
-wakeableDescriptor::ending wakeableDescriptor::whyWoken(role purpose)
+/// Why the event of these users is set; nothing when the reason has passed.
+std::optional<wakeableDescriptor::ending> wakeableDescriptor::whyWoken(role purpose)
 {
     std::lock_guard<std::mutex> const lock(mutex);
     if (purpose == role::reader ? !openNow : cut)
@@ -228,11 +225,19 @@ wakeableDescriptor::ending wakeableDescriptor::whyWoken(role purpose)
     }
     if (purpose == role::reader && interrupted)
     {
-        interrupted = false;
-        drain(readerWake);
+        takeInterruption();
         return ending::interrupted;
     }
-    return ending::timeout;
+    return std::nullopt;
+}
+
+void wakeableDescriptor::takeInterruption()
+{
+    interrupted = false;
+    if (readerWake >= 0)
+    {
+        drain(readerWake);
+    }
 }
 
 } // namespace gssipInternal

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 
 namespace gssipInternal
 {
@@ -47,6 +48,8 @@ class wakeableDescriptor
         std::uint64_t generation() const { return generationSeen; }
 
       private:
+        std::optional<ending> waitOnce(short events, std::int64_t deadline_ns);
+
         wakeableDescriptor& owner;
         role const purpose;
         int descriptorNumber = -1;
@@ -68,7 +71,7 @@ class wakeableDescriptor
     void interruptReader();
 
     /// Waits, without being inside, until the deadline or until something happened since that generation.
-    ending pause(std::uint64_t generation, std::int64_t deadline_ns);
+    ending pause(std::uint64_t since, std::int64_t deadline_ns);
 
     /// The descriptor, still open, for those that watch the writers finish; -1 when it was not open.
     int beginClose();
@@ -81,7 +84,8 @@ class wakeableDescriptor
     int release();
 
   private:
-    ending whyWoken(role purpose);
+    std::optional<ending> whyWoken(role purpose);
+    void takeInterruption();
     unsigned& usersOf(role purpose) { return purpose == role::writer ? writers : others; }
 
     std::atomic<bool> openNow{false};

@@ -8,7 +8,7 @@ classes+='|gssipMessage|serialPort|asciiLogInterface|timeStampInterface|streamLo
 functions='gssipVersion|lockMutex|unlockMutex|setPthreadAttributes|doubleToTimespec|eventLess'
 about='(vtable for |typeinfo for |typeinfo name for |VTT for |(non-)?virtual thunk to )?'
 # A member of the class itself; a class inside it has one more "::" before the arguments.
-member='::~?[A-Za-z_0-9]+(\[abi:[a-z0-9]+\])?([(<].*)?( const)?$'
+member='::(~?[A-Za-z_0-9]+|operator=|operator\(\))(\[abi:[a-z0-9]+\])?([(<].*)?( const)?$'
 
 # The names that a library defines, but for instances of the standard library's templates: those are weak, and common
 # to every program that uses them.
