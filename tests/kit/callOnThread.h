@@ -1,13 +1,12 @@
 #ifndef KIT_CALLONTHREAD_H
 #define KIT_CALLONTHREAD_H
 
+#include "processState.h"
 #include "waitUntil.h"
 
 #include <chrono>
-#include <fstream>
 #include <future>
 #include <stdexcept>
-#include <string>
 #include <sys/types.h>
 #include <thread>
 #include <unistd.h>
@@ -31,11 +30,10 @@ class callOnThread
     callOnThread(callOnThread const&) = delete;
     callOnThread& operator=(callOnThread const&) = delete;
 
-    /// Waits until the call sleeps in the system, woken by nobody for a while, or has ended.
-    /// Throws when it does neither within ten seconds.
+    /// Waits until the call sleeps in the system, woken by nobody, or has ended.
     void awaitAsleep()
     {
-        if (!waitUntil([this] { return hasEnded() || staysAsleep(); }))
+        if (!waitUntil([this] { return hasEnded() || isAsleep(threadId); }))
         {
             throw std::runtime_error("the call does not go to sleep");
         }
@@ -70,29 +68,6 @@ class callOnThread
         {
             promise.set_exception(std::current_exception());
         }
-    }
-
-    bool staysAsleep() const
-    {
-        std::string const before = sleepState();
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return !before.empty() && before == sleepState();
-    }
-
-    /// The number of times that the thread has gone to sleep, when it sleeps now; empty when it does not.
-    std::string sleepState() const
-    {
-        std::ifstream status("/proc/self/task/" + std::to_string(threadId) + "/status");
-        bool asleep = false;
-        for (std::string line; std::getline(status, line);)
-        {
-            asleep = asleep || line.rfind("State:\tS", 0) == 0;
-            if (asleep && line.rfind("voluntary_ctxt_switches", 0) == 0)
-            {
-                return line;
-            }
-        }
-        return {};
     }
 
     std::promise<pid_t> threadIdKnown;

@@ -5,8 +5,8 @@
 
 #include "callOnThread.h"
 #include "ordinaryUser.h"
+#include "processState.h"
 #include "stopwatch.h"
-#include "waitUntil.h"
 
 #include <atomic>
 #include <cerrno>
@@ -14,7 +14,6 @@
 #include <cmath>
 #include <cstring>
 #include <dlfcn.h>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <iterator>
@@ -530,12 +529,6 @@ std::string limitRealTimePriority(rlim_t highest)
     return setrlimit(RLIMIT_RTPRIO, &limit) == 0 ? std::string{} : std::string("setrlimit: ") + std::strerror(errno);
 }
 
-std::size_t threadsOfTheProcess()
-{
-    std::filesystem::directory_iterator const tasks("/proc/self/task");
-    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
-}
-
 TEST(SetPthreadAttributes, TransmitThreadsValues_AreJoinableRoundRobin51)
 {
     if (!realTimeIsPermitted())
@@ -602,13 +595,13 @@ TEST(SetPthreadAttributes, Stack_IsSmallEnoughForLockedMemory)
 
 TEST(SetPthreadAttributes, ManyCalls_LeaveNoThreadBehind)
 {
-    std::size_t const before = threadsOfTheProcess();
+    kit::threadWatch const threads;
     for (int times = 0; times < 50; ++times)
     {
         threadAttributes attributes;
         EXPECT_EQ(setPthreadAttributes(times % 2, 2, 51, 1, 0, attributes.attr), 0);
     }
-    EXPECT_TRUE(kit::waitUntil([&] { return threadsOfTheProcess() == before; }));
+    EXPECT_TRUE(threads.waitForAdded(0));
 }
 
 TEST(SetPthreadAttributes, UnknownValues_AreRefused)

@@ -1,0 +1,119 @@
+#include "systemCalls.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace
+{
+
+std::atomic<kit::systemCalls*> replacement{nullptr};
+
+kit::systemCalls& current()
+{
+    static kit::systemCalls real;
+    kit::systemCalls* const replaced = replacement;
+    return replaced != nullptr ? *replaced : real;
+}
+
+/// The function that this program would call without the ones below: the C library's, or a sanitizer's.
+template <typename Function>
+Function* next(char const* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+namespace kit
+{
+
+int systemCalls::ioctl(int descriptor, unsigned long request, void* argument)
+{
+    static auto* const real = next<int(int, unsigned long, ...)>("ioctl");
+    return real(descriptor, request, argument);
+}
+
+int systemCalls::close(int descriptor)
+{
+    static auto* const real = next<int(int)>("close");
+    return real(descriptor);
+}
+
+int systemCalls::fstat(int descriptor, struct stat& status)
+{
+    return ::fstatat(descriptor, "", &status, AT_EMPTY_PATH);
+}
+
+int systemCalls::flock(int descriptor, int operation)
+{
+    static auto* const real = next<int(int, int)>("flock");
+    return real(descriptor, operation);
+}
+
+int systemCalls::eventfd(unsigned count, int flags)
+{
+    static auto* const real = next<int(unsigned, int)>("eventfd");
+    return real(count, flags);
+}
+
+ssize_t systemCalls::write(int descriptor, void const* bytes, std::size_t count)
+{
+    static auto* const real = next<ssize_t(int, void const*, std::size_t)>("write");
+    return real(descriptor, bytes, count);
+}
+
+systemReplaced::systemReplaced(systemCalls& other)
+{
+    replacement = &other;
+}
+
+systemReplaced::~systemReplaced()
+{
+    replacement = nullptr;
+}
+
+} // namespace kit
+
+extern "C" {
+
+int ioctl(int descriptor, unsigned long request, ...) noexcept
+{
+    std::va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return current().ioctl(descriptor, request, argument);
+}
+
+int close(int descriptor)
+{
+    return current().close(descriptor);
+}
+
+int fstat(int descriptor, struct stat* status) noexcept
+{
+    return current().fstat(descriptor, *status);
+}
+
+int flock(int descriptor, int operation) noexcept
+{
+    return current().flock(descriptor, operation);
+}
+
+int eventfd(unsigned count, int flags) noexcept
+{
+    return current().eventfd(count, flags);
+}
+
+ssize_t write(int descriptor, void const* bytes, std::size_t count)
+{
+    return current().write(descriptor, bytes, count);
+}
+
+} // extern "C"

@@ -1,0 +1,44 @@
+#ifndef KIT_SYSTEMCALLS_H
+#define KIT_SYSTEMCALLS_H
+
+#include <cstddef>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+/// \file
+/// Lets a test stand between the code under test and the system, to have drivers and failures that no ordinary machine
+/// shows. Link systemCalls.cpp into the test program: it defines these functions in front of the C library's.
+
+namespace kit
+{
+
+/// The system as it is. Derive and override what shall differ; results and errno are those of the calls.
+class systemCalls
+{
+  public:
+    systemCalls() = default;
+    virtual ~systemCalls() = default;
+    systemCalls(systemCalls const&) = delete;
+    systemCalls& operator=(systemCalls const&) = delete;
+
+    virtual int ioctl(int descriptor, unsigned long request, void* argument);
+    virtual int close(int descriptor);
+    virtual int fstat(int descriptor, struct stat& status);
+    virtual int flock(int descriptor, int operation);
+    virtual int eventfd(unsigned count, int flags);
+    virtual ssize_t write(int descriptor, void const* bytes, std::size_t count);
+};
+
+/// While it lives, every call of this program goes to that system, from whatever thread.
+class systemReplaced
+{
+  public:
+    explicit systemReplaced(systemCalls& replacement);
+    ~systemReplaced();
+    systemReplaced(systemReplaced const&) = delete;
+    systemReplaced& operator=(systemReplaced const&) = delete;
+};
+
+} // namespace kit
+
+#endif
