@@ -69,7 +69,7 @@ class recordingLog : public asciiLogInterface
         std::size_t found = 0;
         for (logLine const& line : kept)
         {
-            found += line.text == text ? 1 : 0;
+            found += line.text == text ? 1U : 0U;
         }
         return found;
     }
