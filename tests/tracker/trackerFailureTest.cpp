@@ -2,7 +2,6 @@
 #include "processState.h"
 
 #include <cerrno>
-#include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -33,68 +32,87 @@ struct refusals
 
 thread_local refusals refuse;
 
+// A sanitizer's runtime makes these calls too, on threads that are not ready for instrumented code yet.
+#define UNINSTRUMENTED __attribute__((no_sanitize("thread")))
+
+/// What the call would have reached without this program between; looked up once.
 template <typename Function>
-Function* systemCall(char const* name)
+UNINSTRUMENTED Function* systemCall(void*& known, char const* name)
 {
-    void* const found = dlsym(RTLD_NEXT, name);
-    Function* call = nullptr;
-    std::memcpy(&call, &found, sizeof(call));
-    return call;
+    void* found = __atomic_load_n(&known, __ATOMIC_RELAXED);
+    if (found == nullptr)
+    {
+        found = dlsym(RTLD_NEXT, name);
+        __atomic_store_n(&known, found, __ATOMIC_RELAXED);
+    }
+    return reinterpret_cast<Function*>(found);
 }
 
 } // namespace
 
-extern "C" int pthread_cond_init(pthread_cond_t* condition, pthread_condattr_t const* attributes) noexcept
+extern "C" UNINSTRUMENTED int pthread_cond_init(pthread_cond_t* condition,
+                                                pthread_condattr_t const* attributes) noexcept
 {
-    static auto* const call = systemCall<int(pthread_cond_t*, pthread_condattr_t const*)>("pthread_cond_init");
-    return refuse.conditionInit != 0 ? refuse.conditionInit : call(condition, attributes);
+    static void* known = nullptr;
+    using call = int(pthread_cond_t*, pthread_condattr_t const*);
+    return refuse.conditionInit != 0 ? refuse.conditionInit
+                                     : systemCall<call>(known, "pthread_cond_init")(condition, attributes);
 }
 
-extern "C" int pthread_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t const* attributes) noexcept
+extern "C" UNINSTRUMENTED int pthread_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t const* attributes) noexcept
 {
-    static auto* const call = systemCall<int(pthread_mutex_t*, pthread_mutexattr_t const*)>("pthread_mutex_init");
+    static void* known = nullptr;
+    using call = int(pthread_mutex_t*, pthread_mutexattr_t const*);
     ++refuse.mutexesAsked;
-    return refuse.mutexInit != 0 ? refuse.mutexInit : call(mutex, attributes);
+    return refuse.mutexInit != 0 ? refuse.mutexInit : systemCall<call>(known, "pthread_mutex_init")(mutex, attributes);
 }
 
-extern "C" int pthread_cond_destroy(pthread_cond_t* condition) noexcept
+extern "C" UNINSTRUMENTED int pthread_cond_destroy(pthread_cond_t* condition) noexcept
 {
-    static auto* const call = systemCall<int(pthread_cond_t*)>("pthread_cond_destroy");
-    return refuse.conditionDestroy != 0 ? refuse.conditionDestroy : call(condition);
+    static void* known = nullptr;
+    using call = int(pthread_cond_t*);
+    return refuse.conditionDestroy != 0 ? refuse.conditionDestroy
+                                        : systemCall<call>(known, "pthread_cond_destroy")(condition);
 }
 
-extern "C" int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept
+extern "C" UNINSTRUMENTED int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept
 {
-    static auto* const call = systemCall<int(pthread_mutex_t*)>("pthread_mutex_destroy");
+    static void* known = nullptr;
+    using call = int(pthread_mutex_t*);
     ++refuse.mutexesAsked;
-    return refuse.mutexDestroy != 0 ? refuse.mutexDestroy : call(mutex);
+    return refuse.mutexDestroy != 0 ? refuse.mutexDestroy : systemCall<call>(known, "pthread_mutex_destroy")(mutex);
 }
 
-extern "C" int pthread_attr_init(pthread_attr_t* attributes) noexcept
+extern "C" UNINSTRUMENTED int pthread_attr_init(pthread_attr_t* attributes) noexcept
 {
-    static auto* const call = systemCall<int(pthread_attr_t*)>("pthread_attr_init");
-    return refuse.attributesInit != 0 ? refuse.attributesInit : call(attributes);
+    static void* known = nullptr;
+    using call = int(pthread_attr_t*);
+    return refuse.attributesInit != 0 ? refuse.attributesInit
+                                      : systemCall<call>(known, "pthread_attr_init")(attributes);
 }
 
-extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept
+extern "C" UNINSTRUMENTED int pthread_attr_destroy(pthread_attr_t* attributes) noexcept
 {
-    static auto* const call = systemCall<int(pthread_attr_t*)>("pthread_attr_destroy");
-    return refuse.attributesDestroy != 0 ? refuse.attributesDestroy : call(attributes);
+    static void* known = nullptr;
+    using call = int(pthread_attr_t*);
+    return refuse.attributesDestroy != 0 ? refuse.attributesDestroy
+                                         : systemCall<call>(known, "pthread_attr_destroy")(attributes);
 }
 
-extern "C" int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*entry)(void*),
-                              void* argument) noexcept
+extern "C" UNINSTRUMENTED int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*entry)(void*),
+                                             void* argument) noexcept
 {
-    static auto* const call =
-        systemCall<int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*)>("pthread_create");
+    static void* known = nullptr;
+    using call = int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
     bool const refused = refuse.create != 0 && entry == gssipSendAckReq::callEventThread;
-    return refused ? refuse.create : call(id, attributes, entry, argument);
+    return refused ? refuse.create : systemCall<call>(known, "pthread_create")(id, attributes, entry, argument);
 }
 
-extern "C" int pthread_setname_np(pthread_t id, char const* name) noexcept
+extern "C" UNINSTRUMENTED int pthread_setname_np(pthread_t id, char const* name) noexcept
 {
-    static auto* const call = systemCall<int(pthread_t, char const*)>("pthread_setname_np");
-    return refuse.name != 0 ? refuse.name : call(id, name);
+    static void* known = nullptr;
+    using call = int(pthread_t, char const*);
+    return refuse.name != 0 ? refuse.name : systemCall<call>(known, "pthread_setname_np")(id, name);
 }
 
 namespace
