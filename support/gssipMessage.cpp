@@ -71,12 +71,13 @@ void gssipMessage::setId(std::uint16_t const& id)
 
 void gssipMessage::setDataWordSize(std::uint16_t const& count, bool resize)
 {
-    makeHeader(); // first: when memory runs out nothing changes
+    std::uint16_t const words = count; // which may be one of the data words
+    makeHeader();                      // first: when memory runs out nothing changes
     if (resize)
     {
-        data.resize(count);
+        data.resize(words);
     }
-    setHeaderAt(COUNT_WORD, count);
+    setHeaderAt(COUNT_WORD, words);
 }
 
 void gssipMessage::setProtocolFlags(std::uint16_t const& flags)

@@ -26,6 +26,13 @@ class lineClock
         end_ns = std::max(endOfLine_ns(), now_ns) + characters * byteTime_ns;
     }
 
+    /// The driver still holds so many characters: the end cannot be nearer than they take. A line that is a little
+    /// slower than computed would otherwise fall behind by more with every message.
+    void holds(std::int64_t now_ns, unsigned characters, std::int64_t byteTime_ns) noexcept
+    {
+        end_ns = std::max(endOfLine_ns(), now_ns + characters * byteTime_ns);
+    }
+
     std::int64_t endOfLine_ns() const noexcept { return end_ns; }
 
     /// The earliest time to hand over the next message: the gap after the end, or without a gap just before the end, so

@@ -20,8 +20,7 @@ enum PARITY_TYPE : std::uint32_t {
 
 /// One serial device (tty) of Linux, for one receiver and any number of senders at the same time.
 ///
-/// **Results.** Every status is 0 for success and an `errno` value otherwise; nothing is thrown but `std::bad_alloc`
-/// by the constructor.
+/// **Results.** Every status is 0 for success and an `errno` value otherwise; nothing is thrown but `std::bad_alloc`.
 ///
 /// **Settings** may be made at any time. Made before `open()` they come into force with it; on an open device they do
 /// at once. A value that is refused leaves the one before it in force. EINVAL stands for a value that no device can

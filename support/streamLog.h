@@ -4,10 +4,11 @@
 #include "asciiLogInterface.h"
 #include "monotonicTimeStamp.h"
 
-#include <array>
-#include <cstdio>
+#include <iomanip>
+#include <locale>
 #include <mutex>
 #include <ostream>
+#include <sstream>
 
 /// A ready-made log sink: one line "time level text" a call, on a `std::ostream`.
 ///
@@ -27,10 +28,11 @@ class streamLog : public asciiLogInterface
 
     void log(double const& time_sec, std::int32_t const& level, std::string const& text) override
     {
-        std::array<char, 352> prefix{}; // the longest double takes 309 digits before its point
-        std::snprintf(prefix.data(), prefix.size(), "%.6f %d ", time_sec, static_cast<int>(level));
+        std::ostringstream line;
+        line.imbue(std::locale::classic()); // the same line whatever the application's locale
+        line << std::fixed << std::setprecision(6) << time_sec << ' ' << level << ' ' << text << '\n';
         std::lock_guard<std::mutex> const lock(outMutex);
-        out << prefix.data() << text << std::endl;
+        out << line.str() << std::flush;
     }
 
   private:

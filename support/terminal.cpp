@@ -5,9 +5,10 @@
 #include <asm/termbits.h> // the kernel's own structures: the C library's know no arbitrary speeds
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
+#include <cstdlib>
 #include <fcntl.h>
 #include <linux/serial.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -97,7 +98,8 @@ class attributes
         values.c_lflag = 0;
         values.c_cflag = (values.c_cflag & (CBAUD | CIBAUD)) | CREAD | CLOCAL | characterFlags(settings);
         std::fill(std::begin(values.c_cc), std::end(values.c_cc), cc_t{0});
-        values.c_cc[VMIN] = settings.vmin;
+        // Without a time poll would report bytes only when VMIN of them are there, also to a reader with less room.
+        values.c_cc[VMIN] = settings.vtime == 0 ? std::min<cc_t>(settings.vmin, 1) : settings.vmin;
         values.c_cc[VTIME] = settings.vtime;
     }
 
@@ -273,6 +275,12 @@ unsigned queuedOutput(int descriptor)
 {
     int bytes = 0;
     return control(descriptor, TIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<unsigned>(bytes) : 0;
+}
+
+bool hasHungUp(int descriptor)
+{
+    pollfd polled{descriptor, 0, 0};
+    return uninterrupted([&] { return poll(&polled, 1, 0); }) > 0 && (polled.revents & POLLHUP) != 0;
 }
 
 void discardOutput(int descriptor)

@@ -34,7 +34,10 @@ void askForLowLatency(int descriptor);
 /// How many bytes the driver has accepted and not yet passed on; 0 when it does not tell.
 unsigned queuedOutput(int descriptor);
 
-/// Throws them away, where the driver does that.
+/// Whether the device has gone: unplugged, or the other end of a pseudo-terminal closed.
+bool hasHungUp(int descriptor);
+
+/// Throws away what is queued for output, where the driver does that.
 void discardOutput(int descriptor);
 
 } // namespace gssipInternal::terminal

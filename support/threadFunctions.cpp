@@ -77,7 +77,11 @@ int unlockMutex(pthread_mutex_t& mutex)
 
 int setPthreadAttributes(int detachState, int policy, int priority, int inheritSched, int scope, pthread_attr_t& attr)
 {
-    int status = setScheduling(attr, inheritSched, policy, priority);
+    int status = pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_JOINABLE); // for the thread that is tried below
+    if (status == 0)
+    {
+        status = setScheduling(attr, inheritSched, policy, priority);
+    }
     if (status == 0)
     {
         status = pthread_attr_setscope(&attr, scope);
@@ -94,6 +98,5 @@ int setPthreadAttributes(int detachState, int policy, int priority, int inheritS
             status = setDefaultScheduling(attr);
         }
     }
-    // Last: the thread that is tried above must be joinable.
     return status == 0 ? pthread_attr_setdetachstate(&attr, detachState) : status;
 }

@@ -38,7 +38,8 @@ void closeIfOpen(int& descriptor)
     }
 }
 
-/// poll on the descriptor (for `events`) and on the event: the number that are ready, 0 at the deadline.
+/// poll on the descriptor (for `events`) and on the event: the number that are ready, 0 at the deadline, negative when
+/// poll fails.
 int pollUntil(std::array<pollfd, 2>& polled, std::int64_t deadline_ns)
 {
     int count = 0;
@@ -97,9 +98,14 @@ wakeableDescriptor::ending wakeableDescriptor::use::wait(short events, std::int6
 std::optional<wakeableDescriptor::ending> wakeableDescriptor::use::waitOnce(short events, std::int64_t deadline_ns)
 {
     std::array<pollfd, 2> polled{{{events != 0 ? descriptorNumber : -1, events, 0}, {wakeNumber, POLLIN, 0}}};
-    if (pollUntil(polled, deadline_ns) == 0)
+    int const count = pollUntil(polled, deadline_ns);
+    if (count == 0)
     {
         return ending::timeout;
+    }
+    if (count < 0)
+    {
+        return ending::ready; // what is wrong, the read or write will tell
     }
     if (polled[1].revents != 0)
     {
@@ -219,7 +225,7 @@ int wakeableDescriptor::release()
 std::optional<wakeableDescriptor::ending> wakeableDescriptor::whyWoken(role purpose)
 {
     std::lock_guard<std::mutex> const lock(mutex);
-    if (purpose == role::reader ? !openNow : cut)
+    if (purpose == role::reader ? !isOpen() : cut.load())
     {
         return ending::closed; // the event stays set, for every user that is still inside
     }

@@ -44,6 +44,9 @@ class wakeableDescriptor
         /// Waits until the descriptor is ready for `events` (as for poll; 0 waits for the deadline alone).
         ending wait(short events, std::int64_t deadline_ns);
 
+        /// True when a writer's time is over: it must not begin another write.
+        bool isCutOff() const noexcept { return owner.cut; }
+
         /// How often the descriptor had been opened or closed; for `pause`.
         std::uint64_t generation() const { return generationSeen; }
 
@@ -67,7 +70,7 @@ class wakeableDescriptor
 
     bool isOpen() const noexcept { return openNow; }
 
-    /// Ends the wait or pause of a reader that is inside, or else its next one until the descriptor is reopened.
+    /// Ends the wait or pause of a reader that is inside, or else of the next one, until the descriptor is reopened.
     void interruptReader();
 
     /// Waits, without being inside, until the deadline or until something happened since that generation.
@@ -88,7 +91,8 @@ class wakeableDescriptor
     void takeInterruption();
     unsigned& usersOf(role purpose) { return purpose == role::writer ? writers : others; }
 
-    std::atomic<bool> openNow{false};
+    std::atomic<bool> openNow{false}; // these two are changed under the mutex, and read without it
+    std::atomic<bool> cut{false};
 
     std::mutex mutex; ///< guards everything below; nothing else is locked while it is held, and no I/O waits
     std::condition_variable changed;
@@ -97,7 +101,6 @@ class wakeableDescriptor
     int writerWake = -1;
     unsigned writers = 0;
     unsigned others = 0;
-    bool cut = false;
     bool interrupted = false;
     std::uint64_t generation = 0;
 };
