@@ -3,7 +3,7 @@ add_library(gssip_options INTERFACE)
 target_compile_features(gssip_options INTERFACE cxx_std_17)
 target_compile_options(gssip_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wnon-virtual-dtor
-  -Woverloaded-virtual -Wcast-align -Wcast-qual -Wnull-dereference -Wformat=2 -Wundef -Wvla
+  -Woverloaded-virtual -Wcast-align -Wcast-qual -Wformat=2 -Wundef -Wvla
   $<$<BOOL:${GSSIP_WERROR}>:-Werror>)
 if(GSSIP_SANITIZE)
   target_compile_options(gssip_options INTERFACE -fsanitize=${GSSIP_SANITIZE} -fno-omit-frame-pointer
