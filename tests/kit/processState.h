@@ -13,6 +13,7 @@
 #include <string>
 #include <sys/types.h>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 namespace kit
@@ -91,6 +92,7 @@ class threadWatch
   public:
     threadWatch()
     {
+        std::thread([] {}).join(); // a sanitizer's own thread comes with the first
         for (threadState const& thread : processThreads())
         {
             before.insert(thread.id);
