@@ -68,6 +68,18 @@ ssize_t systemCalls::write(int descriptor, void const* bytes, std::size_t count)
     return real(descriptor, bytes, count);
 }
 
+ssize_t systemCalls::read(int descriptor, void* bytes, std::size_t capacity)
+{
+    static auto* const real = next<ssize_t(int, void*, std::size_t)>("read");
+    return real(descriptor, bytes, capacity);
+}
+
+int systemCalls::ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals)
+{
+    static auto* const real = next<int(pollfd*, nfds_t, timespec const*, sigset_t const*)>("ppoll");
+    return real(descriptors, count, limit, signals);
+}
+
 systemReplaced::systemReplaced(systemCalls& other)
 {
     replacement = &other;
@@ -114,6 +126,16 @@ int eventfd(unsigned count, int flags) noexcept
 ssize_t write(int descriptor, void const* bytes, std::size_t count)
 {
     return current().write(descriptor, bytes, count);
+}
+
+ssize_t read(int descriptor, void* bytes, std::size_t capacity)
+{
+    return current().read(descriptor, bytes, capacity);
+}
+
+int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals)
+{
+    return current().ppoll(descriptors, count, limit, signals);
 }
 
 } // extern "C"

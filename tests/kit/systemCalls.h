@@ -1,7 +1,10 @@
 #ifndef KIT_SYSTEMCALLS_H
 #define KIT_SYSTEMCALLS_H
 
+#include <csignal>
 #include <cstddef>
+#include <ctime>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -27,6 +30,8 @@ class systemCalls
     virtual int flock(int descriptor, int operation);
     virtual int eventfd(unsigned count, int flags);
     virtual ssize_t write(int descriptor, void const* bytes, std::size_t count);
+    virtual ssize_t read(int descriptor, void* bytes, std::size_t capacity);
+    virtual int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals);
 };
 
 /// While it lives, every call of this program goes to that system, from whatever thread.
