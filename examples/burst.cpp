@@ -12,16 +12,16 @@
 namespace
 {
 
-constexpr std::uint16_t firstOfBurst = 100;
-constexpr std::uint16_t burstLength = 20;
-constexpr std::uint16_t others = 50;
+constexpr std::uint16_t FIRST_OF_BURST = 100;
+constexpr std::uint16_t BURST_LENGTH = 20;
+constexpr std::uint16_t OTHERS = 50;
 
 std::vector<gssipMessage> makeBurst()
 {
     std::vector<gssipMessage> burst;
-    for (std::uint16_t place = 0; place < burstLength; ++place)
+    for (std::uint16_t place = 0; place < BURST_LENGTH; ++place)
     {
-        burst.emplace_back(static_cast<std::uint16_t>(firstOfBurst + place), 0, place);
+        burst.emplace_back(static_cast<std::uint16_t>(FIRST_OF_BURST + place), 0, place);
     }
     return burst;
 }
@@ -49,13 +49,13 @@ int main(int argc, char** argv)
     }
 
     std::thread another([&] {
-        for (std::uint16_t count = 0; count < others; ++count)
+        for (std::uint16_t count = 0; count < OTHERS; ++count)
         {
             port.sendMessage(gssipMessage(1, 0, 0), false);
         }
     });
     std::vector<gssipMessage> const burst = makeBurst();
-    port.sendDtMessages(burst.begin(), burstLength); // copies them; all are tracked, if they request acknowledgement
+    port.sendDtMessages(burst.begin(), BURST_LENGTH); // copies them; all are tracked, if they request acknowledgement
     another.join();
 
     if (line.otherSide() == nullptr)
@@ -63,7 +63,7 @@ int main(int argc, char** argv)
         std::this_thread::sleep_for(std::chrono::seconds(2)); // the port sends what is queued only until it is stopped
         return 0;
     }
-    std::vector<gssipMessage> const received = line.otherSide()->waitFor(burstLength + others);
+    std::vector<gssipMessage> const received = line.otherSide()->waitFor(BURST_LENGTH + OTHERS);
     std::cout << received.size() << " messages received, the burst " << (isWhole(received) ? "whole\n" : "broken\n");
-    return received.size() == burstLength + others && isWhole(received) ? 0 : 1;
+    return received.size() == BURST_LENGTH + OTHERS && isWhole(received) ? 0 : 1;
 }

@@ -3,13 +3,12 @@
 // Run it as `comeBack` (with a device of its own that comes, goes and comes again) or as `comeBack DEVICE` (for ever).
 
 #include "gssipPort.h"
-#include "partner.h"
+#include "pluggableDevice.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <iostream>
 #include <mutex>
 #include <string>
@@ -20,8 +19,8 @@ namespace
 {
 
 using seconds = std::chrono::duration<double>;
-constexpr seconds shortestPause(0.05);
-constexpr seconds longestPause(2.0);
+constexpr seconds SHORTEST_PAUSE(0.05);
+constexpr seconds LONGEST_PAUSE(2.0);
 
 /// A port that is kept going. It is its own log sink, since a failing device shows in the log and nowhere else: as a
 /// line of level 4 that has a time. The sink runs on a thread of the port, from which the port cannot be stopped: it
@@ -63,7 +62,7 @@ class lastingStation : private asciiLogInterface
   private:
     void keepGoing()
     {
-        seconds pause = shortestPause;
+        seconds pause = SHORTEST_PAUSE;
         while (!leaving)
         {
             if (!port.start())
@@ -71,11 +70,11 @@ class lastingStation : private asciiLogInterface
                 std::cout << "no device; next attempt in " << pause.count() << " s\n";
                 tell([this] { ++happened.failedStarts; });
                 waitUntil([this](counts const&) { return leaving.load(); }, pause);
-                pause = std::min(2 * pause, longestPause);
+                pause = std::min(2 * pause, LONGEST_PAUSE);
                 continue;
             }
             std::cout << "started\n";
-            pause = shortestPause;
+            pause = SHORTEST_PAUSE;
             serveUntilItFails();
         }
     }
@@ -136,56 +135,17 @@ class lastingStation : private asciiLogInterface
     std::thread keeper; // last: it uses all the others
 };
 
-/// A device that can be plugged in and pulled out: a symbolic link to one end of a null modem.
-class adapter
-{
-  public:
-    adapter() { std::cout << "device " << path() << '\n'; }
-    ~adapter()
-    {
-        pullOut();
-        rmdir(folder.c_str());
-    }
-    adapter(adapter const&) = delete;
-    adapter& operator=(adapter const&) = delete;
-
-    std::string path() const { return folder + "/tty"; }
-
-    bool plugIn()
-    {
-        line = std::make_unique<examples::exampleLine>(0, nullptr);
-        return symlink(line->device().c_str(), path().c_str()) == 0;
-    }
-
-    void pullOut()
-    {
-        unlink(path().c_str());
-        line.reset();
-    }
-
-    void send(std::uint16_t id) { line->otherSide()->port().sendMessage(gssipMessage(id, 0, 1), false); }
-
-  private:
-    static std::string makeFolder()
-    {
-        std::string pattern = "/tmp/comeBack.XXXXXX";
-        return mkdtemp(pattern.data()) == nullptr ? "." : pattern;
-    }
-
-    std::string const folder = makeFolder();
-    std::unique_ptr<examples::exampleLine> line;
-};
-
-bool comeAndGo(adapter& device, lastingStation& station)
+/// Lets the device come and go twice, and looks whether the station follows.
+bool comeAndGo(examples::pluggableDevice& device, lastingStation& station)
 {
     using counts = lastingStation::counts;
-    for (unsigned round = 1; round <= 2; ++round)
+    for (std::uint16_t round = 1; round <= 2; ++round)
     {
         unsigned const before = station.soFar().failedStarts;
         bool const missed = station.waitUntil([&](counts const& now) { return now.failedStarts > before; });
-        bool const started =
-            device.plugIn() && station.waitUntil([&](counts const& now) { return now.starts == round; });
-        device.send(static_cast<std::uint16_t>(round));
+        device.plugIn();
+        bool const started = station.waitUntil([&](counts const& now) { return now.starts == round; });
+        device.otherSide().port().sendMessage(gssipMessage(round, 0, 1), false);
         bool const received = station.waitUntil([&](counts const& now) { return now.messages == round; });
         device.pullOut();
         if (!missed || !started || !received)
@@ -202,11 +162,11 @@ int main(int argc, char** argv)
 {
     if (argc > 1)
     {
-        lastingStation station(argv[1]);
-        station.waitUntil([](lastingStation::counts const&) { return false; }, std::chrono::hours(24 * 365));
+        lastingStation const station(argv[1]);
+        pause(); // until a signal ends the program
         return 0;
     }
-    adapter device;
+    examples::pluggableDevice device;
     lastingStation station(device.path());
     return comeAndGo(device, station) ? 0 : 1;
 }

@@ -21,9 +21,9 @@ namespace examples
 /// Something that was seen on the line.
 struct sighting
 {
-    nullModem::direction way;
+    nullModem::direction way = nullModem::A_TO_B;
     piece what;
-    double time_sec;
+    double time_sec = 0.0;
 };
 
 /// Everything that happens in the demonstration: each event is printed as it comes, and kept to be judged by.
@@ -61,7 +61,7 @@ class demoJournal
     struct takenMessage
     {
         std::string place;
-        std::uint16_t id;
+        std::uint16_t id = 0;
     };
     struct logLine
     {

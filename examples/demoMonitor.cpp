@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <pthread.h>
+#include <system_error>
 
 namespace examples
 {
@@ -50,7 +50,7 @@ std::string obstacle(std::string const& device, unsigned speed)
     case EINVAL:
         return "it cannot run at this speed";
     default:
-        return std::strerror(result);
+        return std::generic_category().message(result);
     }
 }
 

@@ -72,11 +72,11 @@ std::string flagsInWords(std::uint16_t flags)
 
 std::string hexShortened(bytes const& image)
 {
-    constexpr std::size_t most = 14;
-    constexpr std::size_t beginning = 11;
-    constexpr std::size_t end = 2;
-    std::string text = image.size() <= most ? hex(image, 0, image.size())
-                                            : hex(image, 0, beginning) + ".. " + hex(image, image.size() - end, end);
+    constexpr std::size_t MOST = 14;
+    constexpr std::size_t BEGINNING = 11;
+    constexpr std::size_t END = 2;
+    std::string text = image.size() <= MOST ? hex(image, 0, image.size())
+                                            : hex(image, 0, BEGINNING) + ".. " + hex(image, image.size() - END, END);
     text.erase(text.find_last_not_of(' ') + 1);
     return text;
 }

@@ -13,15 +13,15 @@ namespace examples
 namespace
 {
 
-constexpr std::uint16_t ackRequest = gssipMessage::ACK_REQ_FLAG;
-constexpr std::uint16_t ack = gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG;
-constexpr std::uint16_t nak = gssipMessage::REPLY_FLAG | gssipMessage::NAK_FLAG;
-constexpr std::uint16_t reject = gssipMessage::REPLY_FLAG | gssipMessage::HANDSHAKE_FLAG | gssipMessage::REJECT_FLAG;
-constexpr std::uint16_t rejectExtra = reject | gssipMessage::REJECT_EXTRA_FLAG;
+constexpr std::uint16_t ACK_REQUEST = gssipMessage::ACK_REQ_FLAG;
+constexpr std::uint16_t ACK = gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG;
+constexpr std::uint16_t NAK = gssipMessage::REPLY_FLAG | gssipMessage::NAK_FLAG;
+constexpr std::uint16_t REJECT = gssipMessage::REPLY_FLAG | gssipMessage::HANDSHAKE_FLAG | gssipMessage::REJECT_FLAG;
+constexpr std::uint16_t REJECT_EXTRA = REJECT | gssipMessage::REJECT_EXTRA_FLAG;
 
-constexpr double short_sec = 0.2;  // a time-out that is to run out
-constexpr double long_sec = 5.0;   // one that is not, however busy the machine
-constexpr std::size_t dataAt = 10; // offset of the first data byte in a frame
+constexpr double SHORT_SEC = 0.2;   // a time-out that is to run out
+constexpr double LONG_SEC = 5.0;    // one that is not, however busy the machine
+constexpr std::size_t DATA_AT = 10; // offset of the first data byte in a frame
 std::string const placeA = "A";
 std::string const placeB = "      B";
 
@@ -62,7 +62,7 @@ std::string lineFaults::apply(piece& passing)
     }
     if (plan.what == DAMAGE_FIRST && first)
     {
-        passing.image[dataAt] ^= 0x04U;
+        passing.image[DATA_AT] ^= 0x04U;
         return "DAMAGED on the way";
     }
     return "sent again";
@@ -121,7 +121,7 @@ bool demoScenario::startBoth()
     bool started = true;
     for (demoStation* each : {&a, &b})
     {
-        int const configured = each->port().configurePort(115200, 8, PARITY_NONE, 1, 0, long_sec, long_sec, 3);
+        int const configured = each->port().configurePort(115200, 8, PARITY_NONE, 1, 0, LONG_SEC, LONG_SEC, 3);
         started = configured == 0 && each->start() && started;
     }
     journal.expect(started, "both ports are configured and started");
@@ -137,43 +137,43 @@ void demoScenario::trackedBothWays()
 
 void demoScenario::tracked(demoStation& from, nullModem::direction way, std::string const& receiver, std::uint16_t id)
 {
-    from.port().sendMessage(makeMessage(id, ackRequest), true);
+    from.port().sendMessage(makeMessage(id, ACK_REQUEST), true);
     bool const done = journal.waitUntil([&] { return acknowledged(way, id) && journal.timesTaken(receiver, id) == 1; });
-    journal.expect(done && journal.frames(way, id, ackRequest).size() == 1,
+    journal.expect(done && journal.frames(way, id, ACK_REQUEST).size() == 1,
                    idText(id) + " sent once, received, acknowledged");
 }
 
 bool demoScenario::acknowledged(nullModem::direction way, std::uint16_t id) const
 {
-    return !journal.frames(opposite(way), id, ack).empty();
+    return !journal.frames(opposite(way), id, ACK).empty();
 }
 
 void demoScenario::lostAndSentAgain()
 {
     journal.heading("2. A message is lost on the way: after the acknowledgement time-out (0.2 s) it is sent again");
-    constexpr std::uint16_t id = 0x0201;
+    std::uint16_t const id = 0x0201;
     faults.plan(id, lineFaults::LOSE_FIRST);
-    a.port().setAcknowledgeTimeout_sec(short_sec);
+    a.port().setAcknowledgeTimeout_sec(SHORT_SEC);
     double const begin_sec = monotonicTimeStamp().getTime_sec();
-    a.port().sendMessage(makeMessage(id, ackRequest), true);
+    a.port().sendMessage(makeMessage(id, ACK_REQUEST), true);
 
     bool const done =
         journal.waitUntil([&] { return acknowledged(nullModem::A_TO_B, id) && journal.timesTaken(placeB, id) == 1; });
-    auto const copies = journal.frames(nullModem::A_TO_B, id, ackRequest);
+    auto const copies = journal.frames(nullModem::A_TO_B, id, ACK_REQUEST);
     journal.expect(done && copies.size() == 2, "0x0201 sent twice, received once, acknowledged");
-    journal.expect(copies.size() == 2 && copies[1].time_sec - begin_sec >= short_sec, "no sooner than after 0.2 s");
+    journal.expect(copies.size() == 2 && copies[1].time_sec - begin_sec >= SHORT_SEC, "no sooner than after 0.2 s");
 }
 
 void demoScenario::neverAcknowledged()
 {
     journal.heading("3. Nothing gets through: sent again once, after the second time-out silently given up");
-    constexpr std::uint16_t id = 0x0301;
+    std::uint16_t const id = 0x0301;
     faults.plan(id, lineFaults::LOSE_ALL);
-    auto const copies = [&] { return journal.frames(nullModem::A_TO_B, id, ackRequest).size(); };
-    a.port().sendMessage(makeMessage(id, ackRequest), true);
+    auto const copies = [&] { return journal.frames(nullModem::A_TO_B, id, ACK_REQUEST).size(); };
+    a.port().sendMessage(makeMessage(id, ACK_REQUEST), true);
 
     bool const second = journal.waitUntil([&] { return copies() == 2; });
-    bool const third = journal.waitUntil([&] { return copies() > 2; }, std::chrono::duration<double>(3 * short_sec));
+    bool const third = journal.waitUntil([&] { return copies() > 2; }, std::chrono::duration<double>(3 * SHORT_SEC));
     journal.expect(second && !third && journal.timesTaken(placeB, id) == 0,
                    "0x0301 sent twice, and within three more time-outs not again");
 }
@@ -181,15 +181,15 @@ void demoScenario::neverAcknowledged()
 void demoScenario::damagedAndRefused()
 {
     journal.heading("4. The data of a message are damaged: the receiver refuses it (NAK), it is sent again at once");
-    constexpr std::uint16_t id = 0x0401;
+    std::uint16_t const id = 0x0401;
     faults.plan(id, lineFaults::DAMAGE_FIRST);
-    a.port().setAcknowledgeTimeout_sec(long_sec);
-    a.port().sendMessage(makeMessage(id, ackRequest), true);
+    a.port().setAcknowledgeTimeout_sec(LONG_SEC);
+    a.port().sendMessage(makeMessage(id, ACK_REQUEST), true);
 
     bool const done =
         journal.waitUntil([&] { return acknowledged(nullModem::A_TO_B, id) && journal.timesTaken(placeB, id) == 1; });
-    auto const copies = journal.frames(nullModem::A_TO_B, id, ackRequest);
-    auto const refusals = journal.frames(nullModem::B_TO_A, id, nak);
+    auto const copies = journal.frames(nullModem::A_TO_B, id, ACK_REQUEST);
+    auto const refusals = journal.frames(nullModem::B_TO_A, id, NAK);
     journal.expect(done && copies.size() == 2 && refusals.size() == 1,
                    "0x0401 sent, refused, sent again, acknowledged");
     journal.expect(copies.size() == 2 && refusals.size() == 1 && refusals[0].time_sec < copies[1].time_sec,
@@ -202,7 +202,7 @@ void demoScenario::handshake()
 {
     journal.heading(
         "5. A message that requests acknowledgement shuts the gate for what B has to send; a handshake opens it");
-    a.port().sendMessage(makeMessage(0x0501, ackRequest), true);
+    a.port().sendMessage(makeMessage(0x0501, ACK_REQUEST), true);
     journal.waitUntil([&] { return journal.timesTaken(placeB, 0x0501) == 1; });
     b.port().sendMessage(makeMessage(0x0502, 0), false);
     b.port().sendMessage(makeMessage(0x0503, 0), false);
@@ -227,8 +227,8 @@ void demoScenario::handshakeReject()
     b.port().sendHandshakeReject(0x0602, true);
     b.port().sendMessage(makeMessage(0x0603, 0), false);
     bool const done = journal.waitUntil([&] { return journal.timesTaken(placeA, 0x0603) == 1; });
-    journal.expect(done && journal.frames(nullModem::B_TO_A, 0x0601, reject).size() == 1 &&
-                       journal.frames(nullModem::B_TO_A, 0x0602, rejectExtra).size() == 1,
+    journal.expect(done && journal.frames(nullModem::B_TO_A, 0x0601, REJECT).size() == 1 &&
+                       journal.frames(nullModem::B_TO_A, 0x0602, REJECT_EXTRA).size() == 1,
                    "both on the line");
     journal.expect(journal.timesLogged(placeB, "reject") == 1 && journal.timesLogged(placeB, "reject 1538") == 1,
                    "the second in the log of B, by its number");

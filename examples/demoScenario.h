@@ -30,7 +30,7 @@ class lineFaults
   private:
     struct planned
     {
-        fault what;
+        fault what = LOSE_FIRST;
         unsigned seen = 0;
     };
     std::mutex mutex; ///< guards `plans`

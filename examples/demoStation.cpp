@@ -1,6 +1,6 @@
 #include "demoStation.h"
 
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace examples
@@ -78,7 +78,8 @@ void demoStation::show(int result, gssipMessage const& message)
         journal.taken(place, message, "received, data checksum WRONG");
         break;
     default:
-        journal.taken(place, message, std::string("received, but no answer could be sent: ") + std::strerror(result));
+        journal.taken(place, message,
+                      std::string("received, but no answer could be sent: ") + std::generic_category().message(result));
     }
 }
 

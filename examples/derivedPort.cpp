@@ -20,6 +20,9 @@ class countingPort : public gssipPort
     /// would still be running while what they call here has gone.
     ~countingPort() override { stop(); }
 
+    countingPort(countingPort const&) = delete;
+    countingPort& operator=(countingPort const&) = delete;
+
     /// Called by the port for each message that was not acknowledged in time or that the other side refused, on a
     /// thread of the port that meanwhile keeps every other acknowledgement waiting: it must be quick.
     int resendMessage(gssipMessage& message) override

@@ -8,10 +8,10 @@ namespace examples
 namespace
 {
 
-constexpr std::uint8_t fill = 0xFF; // the filler's byte is also the first of a start of message
-constexpr std::uint8_t secondOfStart = 0x81;
-constexpr std::size_t fillerBytes = 20;
-constexpr std::size_t headerBytes = 10;
+constexpr std::uint8_t FILL = 0xFF; // the filler's byte is also the first of a start of message
+constexpr std::uint8_t SECOND_OF_START = 0x81;
+constexpr std::size_t FILLER_BYTES = 20;
+constexpr std::size_t HEADER_BYTES = 10;
 
 unsigned wordAt(bytes const& image, std::size_t offset)
 {
@@ -21,7 +21,7 @@ unsigned wordAt(bytes const& image, std::size_t offset)
 bool headerSumsToZero(bytes const& image, std::size_t start)
 {
     unsigned sum = 0;
-    for (std::size_t offset = 0; offset < headerBytes; offset += 2)
+    for (std::size_t offset = 0; offset < HEADER_BYTES; offset += 2)
     {
         sum += wordAt(image, start + offset);
     }
@@ -84,8 +84,8 @@ std::vector<piece> frameSplitter::split(bytes const& chunk)
 std::size_t frameSplitter::takePiece(std::size_t start, piece& next) const
 {
     std::size_t const fills = leadingFills(start);
-    bool const startFollows = start + fills < kept.size() && kept[start + fills] == secondOfStart;
-    if (fills == fillerBytes && !startFollows)
+    bool const startFollows = start + fills < kept.size() && kept[start + fills] == SECOND_OF_START;
+    if (fills == FILLER_BYTES && !startFollows)
     {
         next = {piece::FILLER, part(kept, start, fills)};
         return fills;
@@ -106,7 +106,7 @@ std::size_t frameSplitter::takePiece(std::size_t start, piece& next) const
 std::size_t frameSplitter::takeFrame(std::size_t start, piece& next) const
 {
     std::size_t const available = kept.size() - start;
-    if (available < headerBytes)
+    if (available < HEADER_BYTES)
     {
         return 0;
     }
@@ -116,7 +116,7 @@ std::size_t frameSplitter::takeFrame(std::size_t start, piece& next) const
         return 1;
     }
     std::size_t const words = wordAt(kept, start + 4);
-    std::size_t const size = words == 0 ? headerBytes : (words + 6) * 2;
+    std::size_t const size = words == 0 ? HEADER_BYTES : (words + 6) * 2;
     if (available < size)
     {
         return 0;
@@ -128,7 +128,7 @@ std::size_t frameSplitter::takeFrame(std::size_t start, piece& next) const
 std::size_t frameSplitter::leadingFills(std::size_t start) const
 {
     std::size_t count = 0;
-    while (count < fillerBytes && start + count < kept.size() && kept[start + count] == fill)
+    while (count < FILLER_BYTES && start + count < kept.size() && kept[start + count] == FILL)
     {
         ++count;
     }

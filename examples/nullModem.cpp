@@ -17,7 +17,7 @@ namespace
 {
 
 /// So much may wait for a side that does not read before the other side's writer is made to wait.
-constexpr std::size_t mostWaiting = 65536;
+constexpr std::size_t MOST_WAITING = 65536;
 
 int checked(int result, char const* what)
 {
@@ -146,7 +146,7 @@ short nullModem::eventsOf(int number)
     int events = 0;
     for (lane const& way : lanes)
     {
-        events |= way.from == number && way.waiting.size() < mostWaiting ? POLLIN : 0;
+        events |= way.from == number && way.waiting.size() < MOST_WAITING ? POLLIN : 0;
         events |= way.to == number && !way.waiting.empty() ? POLLOUT : 0;
     }
     return static_cast<short>(events);

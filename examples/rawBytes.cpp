@@ -4,9 +4,9 @@
 #include "gssipPort.h"
 #include "partner.h"
 
-#include <cstring>
 #include <iostream>
 #include <string>
+#include <system_error>
 
 namespace
 {
@@ -18,7 +18,8 @@ bool sendRaw(gssipPortInterface& port, std::vector<std::uint8_t> const& raw)
     int const result = port.send(raw.data(), static_cast<unsigned>(raw.size()), sent);
     if (result != 0)
     {
-        std::cerr << "only " << sent << " of " << raw.size() << " bytes: " << std::strerror(result) << '\n';
+        std::cerr << "only " << sent << " of " << raw.size() << " bytes: " << std::generic_category().message(result)
+                  << '\n';
         return false;
     }
     std::cout << sent << " bytes written\n";

@@ -25,6 +25,8 @@ class confirmingPort : public gssipPort
   public:
     using gssipPort::gssipPort;
     ~confirmingPort() override { stop(); }
+    confirmingPort(confirmingPort const&) = delete;
+    confirmingPort& operator=(confirmingPort const&) = delete;
 
     /// True as soon as an acknowledgement with the message's id has come; false when none has within the limit. For one
     /// caller at a time, and with an id of its own for each message: a late acknowledgement of an earlier message with

@@ -37,6 +37,7 @@ class demo
             dup2(pipe[1], STDERR_FILENO);
             arguments.insert(arguments.begin(), DEMO_PROGRAM);
             std::vector<char*> words;
+            words.reserve(arguments.size() + 1);
             for (std::string& each : arguments)
             {
                 words.push_back(each.data());

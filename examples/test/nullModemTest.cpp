@@ -22,9 +22,8 @@ namespace
 using examples::bytes;
 using examples::nullModem;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-constexpr int longEnough_ms = 10000;
+constexpr int LONG_ENOUGH_MS = 10000;
 
 /// One device opened as a program would.
 class opened
@@ -50,7 +49,7 @@ class opened
     {
         bytes result;
         pollfd waiting{number, POLLIN, 0};
-        while (result.size() < count && poll(&waiting, 1, longEnough_ms) > 0)
+        while (result.size() < count && poll(&waiting, 1, LONG_ENOUGH_MS) > 0)
         {
             bytes chunk(count - result.size());
             ssize_t const got = ::read(number, chunk.data(), chunk.size());
@@ -66,7 +65,7 @@ class opened
     bool hasHungUp() const
     {
         pollfd waiting{number, POLLIN, 0};
-        return poll(&waiting, 1, longEnough_ms) > 0 && (waiting.revents & POLLHUP) != 0;
+        return poll(&waiting, 1, LONG_ENOUGH_MS) > 0 && (waiting.revents & POLLHUP) != 0;
     }
 
   private:
@@ -194,7 +193,7 @@ TEST(NullModem, Hook_FrameByFrame_SeesWholeFramesOfABytewiseWriter)
     nullModem modem;
     opened const a(modem.deviceA());
     opened const b(modem.deviceB());
-    modem.setHook(nullModem::A_TO_B, examples::frameByFrame([first = true](examples::piece passing) mutable {
+    modem.setHook(nullModem::A_TO_B, examples::frameByFrame([first = true](examples::piece const& passing) mutable {
                       bool const lost = passing.what == examples::piece::FRAME && first;
                       first = false;
                       return lost ? bytes() : passing.image;
