@@ -2,6 +2,7 @@
 #include "serialPortOnLine.h"
 #include "stopwatch.h"
 #include "systemCalls.h"
+#include "waitUntil.h"
 
 #include <algorithm>
 #include <array>
@@ -155,19 +156,21 @@ TEST_F(SerialPortTraffic, BlockedLine_TimesOutWithTheNumberWritten)
 
 TEST_F(SerialPortTraffic, LineThatMovesNowAndThen_IsNotTakenForBlocked)
 {
-    bytes const message = kit::patternOf(24000);
-    kit::callOnThread<bytes> reader([this] {
+    bytes const message = kit::patternOf(34000); // several times what the driver holds
+    std::atomic<bool> allTaken{false};
+    kit::callOnThread<bytes> reader([&] {
         bytes all;
-        while (all.size() < 24000)
+        while (all.size() < message.size())
         {
-            std::this_thread::sleep_for(milliseconds(900));
-            bytes const next = line.read(std::min<std::size_t>(6000, 24000 - all.size()));
+            kit::waitUntil([&] { return allTaken.load(); }, milliseconds(800));
+            bytes const next = line.read(std::min<std::size_t>(6000, message.size() - all.size()));
             all.insert(all.end(), next.begin(), next.end());
         }
         return all;
     });
     kit::stopwatch const watch;
     sendAll(message);
+    allTaken = true;
     EXPECT_GE(watch.elapsed_sec(), 2.0) << "the reader was too quick for this test";
     EXPECT_EQ(reader.get(), message);
 }

@@ -7,13 +7,12 @@
 #include "ordinaryUser.h"
 #include "processState.h"
 #include "stopwatch.h"
+#include "threadCalls.h"
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
 #include <cstring>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <iterator>
@@ -35,41 +34,6 @@
 #define MISUSED_MUTEXES_ARE_REPORTED 1
 #endif
 #endif
-
-namespace
-{
-
-/// What the system grants in this program: threads of a higher real-time priority are refused, or all threads are.
-std::atomic<int> highestPriorityGranted{99};
-std::atomic<bool> roomForThreads{true};
-
-int explicitPriorityOf(pthread_attr_t const& attributes)
-{
-    int inheritance = PTHREAD_INHERIT_SCHED;
-    sched_param parameters{};
-    pthread_attr_getinheritsched(&attributes, &inheritance);
-    pthread_attr_getschedparam(&attributes, &parameters);
-    return inheritance == PTHREAD_EXPLICIT_SCHED ? parameters.sched_priority : 0;
-}
-
-} // namespace
-
-/// Stands before the system's, for the library too.
-extern "C" int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*entry)(void*),
-                              void* argument) noexcept
-{
-    using function = int (*)(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
-    static function const systems = reinterpret_cast<function>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (!roomForThreads)
-    {
-        return EAGAIN;
-    }
-    if (attributes != nullptr && explicitPriorityOf(*attributes) > highestPriorityGranted)
-    {
-        return EPERM;
-    }
-    return systems(thread, attributes, entry, argument);
-}
 
 namespace
 {
@@ -637,27 +601,41 @@ TEST(SetPthreadAttributes, OrdinaryUsersLimit_DecidesBetweenRealTimeAndDefaultSc
               "");
 }
 
-/// Changes what the system grants for one test.
-class limitedSystem
+/// A system that refuses threads of a higher real-time priority, or has no room for any.
+class limitedSystem : public kit::threadCalls
 {
   public:
-    explicit limitedSystem(int highestPriority, bool room = true)
+    explicit limitedSystem(int highestPriority, bool hasRoom = true) : highest(highestPriority), room(hasRoom) {}
+
+    int create(pthread_t& thread, pthread_attr_t const* attributes, kit::threadEntry entry, void* argument) override
     {
-        highestPriorityGranted = highestPriority;
-        roomForThreads = room;
+        if (!room)
+        {
+            return EAGAIN;
+        }
+        return attributes != nullptr && explicitPriorityOf(*attributes) > highest
+                   ? EPERM
+                   : threadCalls::create(thread, attributes, entry, argument);
     }
-    ~limitedSystem()
+
+  private:
+    static int explicitPriorityOf(pthread_attr_t const& attributes)
     {
-        highestPriorityGranted = 99;
-        roomForThreads = true;
+        int inheritance = PTHREAD_INHERIT_SCHED;
+        sched_param parameters{};
+        pthread_attr_getinheritsched(&attributes, &inheritance);
+        pthread_attr_getschedparam(&attributes, &parameters);
+        return inheritance == PTHREAD_EXPLICIT_SCHED ? parameters.sched_priority : 0;
     }
-    limitedSystem(limitedSystem const&) = delete;
-    limitedSystem& operator=(limitedSystem const&) = delete;
+
+    int const highest;
+    bool const room;
 };
 
 TEST(SetPthreadAttributes, SystemThatRefusesThePriority_GivesThreadsWithDefaultScheduling)
 {
-    limitedSystem const system(50);
+    limitedSystem system(50);
+    kit::threadCallsReplaced const replaced(system);
     EXPECT_EQ(faultOfTransmitThread(SCHED_OTHER, 0), "");
 }
 
@@ -667,7 +645,8 @@ TEST(SetPthreadAttributes, SystemThatGrantsJustThePriority_GivesRealTimeThreads)
     {
         GTEST_SKIP() << "this user may not use real-time scheduling";
     }
-    limitedSystem const system(51);
+    limitedSystem system(51);
+    kit::threadCallsReplaced const replaced(system);
     EXPECT_EQ(faultOfTransmitThread(SCHED_RR, 51), "");
 }
 
@@ -684,7 +663,8 @@ TEST(SetPthreadAttributes, RefusedRealTimeCaller_DoesNotPassItsSchedulingOn)
         {
             return "no real-time caller";
         }
-        limitedSystem const system(50);
+        limitedSystem system(50);
+        kit::threadCallsReplaced const replaced(system);
         return faultOfTransmitThread(SCHED_OTHER, 0);
     });
     EXPECT_EQ(realTimeCaller.get(), "");
@@ -692,7 +672,8 @@ TEST(SetPthreadAttributes, RefusedRealTimeCaller_DoesNotPassItsSchedulingOn)
 
 TEST(SetPthreadAttributes, SystemWithoutRoomForAThread_IsReported)
 {
-    limitedSystem const system(99, false);
+    limitedSystem system(99, false);
+    kit::threadCallsReplaced const replaced(system);
     threadAttributes attributes;
     EXPECT_EQ(setPthreadAttributes(0, 2, 51, 1, 0, attributes.attr), EAGAIN);
 }
