@@ -46,7 +46,7 @@ class GSSIP_EXPORT ThreadSafeQueue
         return pop_wait(element, arrival);
     }
 
-    /// The same; `arrival` tells how many elements had been pushed before the one that was taken.
+    /// The same; `arrival` is the number of the element that was taken, counted from 1 as they were pushed.
     bool pop_wait(T& element, std::uint64_t& arrival)
     {
         access lock(*this);
@@ -55,7 +55,7 @@ class GSSIP_EXPORT ThreadSafeQueue
         {
             return false;
         }
-        arrival = counts->pushed.load(std::memory_order_relaxed) - queue.size();
+        arrival = counts->pushed.load(std::memory_order_relaxed) - queue.size() + 1;
         element = std::move(queue.front());
         queue.pop_front();
         return true;

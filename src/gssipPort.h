@@ -130,8 +130,8 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     std::atomic<double> ackTimeout_sec;
     std::atomic<double> handshakeTimeout_sec;
 
-    /// Held while a frame is written; taken in turn (see `own`), after the tracker's `eventQMutex`, before nothing but
-    /// the device's own lock. No call-back runs while it is held.
+    /// Held while a frame is written; taken in turn, after the tracker's `eventQMutex` if at all. Only the device's own
+    /// lock is taken while it is held, and no call-back runs.
     pthread_mutex_t sendMutex;
 
     std::atomic<double> rxInterCharGap_sec; ///< as last set, not as rounded for the device

@@ -10,6 +10,7 @@ namespace
 
 constexpr std::int32_t LEVEL_MESSAGE_FAULT = 2;
 constexpr int INVALID_MESSAGE = 1;
+constexpr std::uint64_t BEFORE_ANY = 0;
 
 } // namespace
 
@@ -31,11 +32,17 @@ int gssipPort::getMessage(gssipMessage& message, bool waitOnInvalid)
         {
             return status;
         }
+        if (source != currentReceiver())
+        {
+            arrival = BEFORE_ANY; // left over from before a stop: the numbers have begun anew
+        }
         if (acknowledgeAndTrack(message, arrival, status, handled))
         {
             handled = openGateFor(message, handled);
+            continue;
         }
-        else if (reportInvalid(); !waitOnInvalid)
+        reportInvalid();
+        if (!waitOnInvalid)
         {
             signalPortReady();
             return INVALID_MESSAGE;

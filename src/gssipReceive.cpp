@@ -30,7 +30,10 @@ std::size_t frameBytes(std::size_t dataWords)
 
 } // namespace
 
-/// What is not part of the receiver's face: its place in `frameBuffer`, and its log lines.
+/// What is not part of the receiver's face: its log lines, and its place in `frameBuffer`.
+///
+/// While frames are taken off, the place moves and the bytes stay; they are erased in one go before `frameMutex` is
+/// released, so that the front of the buffer is the next byte for everyone else.
 class gssipReceive::framing
 {
   public:
@@ -44,7 +47,6 @@ class gssipReceive::framing
     std::uint8_t const* front() const { return buffer.data() + done; }
     std::uint16_t word(std::size_t place) const { return gssipInternal::loadWord(front() + place * WORD_BYTES); }
 
-    /// Takes bytes off the front. They are erased by `settle` in one go, before anyone else sees the buffer.
     void drop(std::size_t count) { done += count; }
 
     void settle()
@@ -68,7 +70,7 @@ class gssipReceive::framing
 
   private:
     std::vector<std::uint8_t>& buffer;
-    std::size_t done = 0; ///< 0 whenever `frameMutex` is free
+    std::size_t done = 0;
 };
 
 /// Takes a frame off the buffer when its scope ends, delivered or not: a frame that cannot be delivered is lost, and

@@ -71,8 +71,8 @@ class GSSIP_EXPORT gssipReceive
     std::array<std::uint8_t, 4096> readBuffer;
     unsigned int bytesRead;
 
-    std::vector<std::uint8_t>
-        frameBuffer;       ///< received and not yet framed, the next byte in front; guarded by frameMutex
+    /// Received and not yet framed, the next byte in front; guarded by `frameMutex`.
+    std::vector<std::uint8_t> frameBuffer;
     std::mutex frameMutex; ///< guards `frameBuffer`, `state` and `dataAvailable`; taken before the queue's own lock.
                            ///< Held while a frame is processed, also while the application's clock and log run
     ThreadSafeQueue<gssipMessage> rxQueue; // safe by itself
@@ -95,7 +95,7 @@ class GSSIP_EXPORT gssipReceive
     void expectStop();
     /// Ends both threads, if they exist, and lets every caller of `operator()` go. The device may stay open.
     void endThreads();
-    /// As `operator()`; `arrival` tells how many messages had come before this one.
+    /// As `operator()`; `arrival` is the message's number, counted from 1.
     int take(gssipMessage& message, std::uint64_t& arrival);
 
     void startThreads();

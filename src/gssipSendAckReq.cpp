@@ -36,7 +36,7 @@ constexpr int THREAD_PRIORITY = 50;
 constexpr std::uint32_t RESEND = 1;
 constexpr std::uint32_t GIVE_UP = 2;
 
-// Numbers of arrival. Nothing comes as late as a message that is not on its way yet.
+// Numbers of arrival. Nothing comes late enough to answer a message that is not on its way yet.
 constexpr std::uint64_t NOT_YET = std::numeric_limits<std::uint64_t>::max();
 constexpr std::uint64_t JUST_NOW = NOT_YET - 1;
 
@@ -66,8 +66,8 @@ struct gssipSendAckReq::privateState
     fate announced = fate::none; ///< of the message that is being written and not yet registered
     std::uint16_t announcedId = 0;
 
-    /// How many messages had been received when the driver took the announced message's first byte: what came before
-    /// cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
+    /// The number of the first message to be received after the driver took the announced message's first byte: what
+    /// came before cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
     std::atomic<std::uint64_t> firstPossibleAnswer{NOT_YET};
 };
 
@@ -139,32 +139,42 @@ int gssipSendAckReq::registerMessage(gssipMessage const& message, bool wasAnnoun
         return 0;
     }
     gssipSendAckReqEvent event;
-    std::int64_t const offset_ns = gssipInternal::wallOffset_ns();
-    int const status = computeAckNakAbsTimeout(message.getSendTimeStamp(), message, event.absTimeout);
     event.message = message;
-    if (status != 0)
+    std::int64_t offset_ns = 0;
+    if (int const status = computeDeadline(message.getSendTimeStamp(), event, offset_ns); status != 0)
     {
         return status;
     }
     queueAccess const access(*this);
-    // The clock may have been stepped since the deadline was computed.
     moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));
-    switch (wasAnnounced ? std::exchange(own->announced, fate::none) : fate::none)
-    {
-    case fate::acknowledged:
-        return 0;
-    case fate::refused:
-        return dueAtOnce(event);
-    default:
-        return enqueue(event);
-    }
+    fate const outcome = wasAnnounced ? std::exchange(own->announced, fate::none) : fate::none;
+    return enqueueAs(outcome, event);
 }
 
-/// A NAK came before the registration: the event is overdue from the beginning.
-int gssipSendAckReq::dueAtOnce(gssipSendAckReqEvent& event)
+/// Computes the deadline, and how far the wall clock was ahead that it refers to.
+int gssipSendAckReq::computeDeadline(double const& time, gssipSendAckReqEvent& event, std::int64_t& offset_ns)
 {
-    int const status = doubleToTimespec(0.0, event.absTimeout);
-    return status == 0 ? enqueue(event) : status;
+    int status = 0;
+    do // once, unless the wall clock is stepped in the middle
+    {
+        offset_ns = gssipInternal::wallOffset_ns();
+        status = computeAckNakAbsTimeout(time, event.message, event.absTimeout);
+    } while (gssipInternal::stepBetween_ns(offset_ns, gssipInternal::wallOffset_ns()) != 0);
+    return status;
+}
+
+/// What was answered while it was being written needs no event, or one that is due at once.
+int gssipSendAckReq::enqueueAs(fate outcome, gssipSendAckReqEvent& event)
+{
+    if (outcome == fate::acknowledged)
+    {
+        return 0;
+    }
+    if (outcome == fate::refused)
+    {
+        event.absTimeout = gssipInternal::toTimespec(gssipInternal::monotonicNow_ns() + own->clock.offset_ns());
+    }
+    return enqueue(event);
 }
 
 int gssipSendAckReq::enqueue(gssipSendAckReqEvent& event)
@@ -214,7 +224,7 @@ void gssipSendAckReq::announce(gssipMessage const& message)
 
 void gssipSendAckReq::announcedIsOnItsWay(std::uint64_t arrivals)
 {
-    own->firstPossibleAnswer = arrivals;
+    own->firstPossibleAnswer = arrivals + 1;
 }
 
 void gssipSendAckReq::endAnnouncement()
@@ -261,6 +271,7 @@ int gssipSendAckReq::matchPending(gssipMessage const& message, int index)
         eventQ.erase(eventQ.begin() + index);
         return pthread_cond_signal(&eventQCond);
     }
+    gssipInternal::portThread const mark(port); // a call-back that stopped the port now would wait for this very lock
     int const status = processRetransmit(message.getReceiveTimeStamp(), index);
     return status == 0 ? pthread_cond_signal(&eventQCond) : status;
 }
@@ -398,9 +409,13 @@ int gssipSendAckReq::serveQueue()
     {
         return pthread_cond_wait(&eventQCond, &eventQMutex);
     }
+    std::int64_t const offset_ns = gssipInternal::wallOffset_ns();
+    if (gssipInternal::stepBetween_ns(own->clock.offset_ns(), offset_ns) != 0)
+    {
+        return 0; // stepped just now: the next pass begins with deadlines that have followed
+    }
     std::uint32_t const earliest = eventQ.front().eventId;
-    int const status = gssipInternal::waitUntilWall(eventQCond, eventQMutex, eventQ.front().absTimeout,
-                                                    gssipInternal::wallOffset_ns());
+    int const status = gssipInternal::waitUntilWall(eventQCond, eventQMutex, eventQ.front().absTimeout, offset_ns);
     return status == ETIMEDOUT ? serveTimeout(earliest) : status;
 }
 
@@ -450,7 +465,9 @@ int gssipSendAckReq::processRetransmit(double const& time, int const& index)
 int gssipSendAckReq::resend(gssipSendAckReqEvent& event, double const& time)
 {
     port.resendMessage(event.message); // a copy that could not be written is as good as one that was lost on the line
-    int const status = computeAckNakAbsTimeout(time, event.message, event.absTimeout);
+    std::int64_t offset_ns = 0;
+    int const status = computeDeadline(time, event, offset_ns);
+    moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));
     sortQueue();
     return status;
 }

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <ctime>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <pthread.h>
 
@@ -48,8 +47,8 @@ class GSSIP_EXPORT gssipSendAckReq
     /// been resent before.
     int processReceiveAckNak(gssipMessage const& message, bool& handled);
 
-    /// The same for a message of which it is known how many had been received before it: tells an ACK of the message
-    /// that is being written from one that had come earlier and waited.
+    /// The same for a message whose number, counted from 1 as messages were received, is known: tells an ACK of the
+    /// message that is being written from one that had come earlier and waited. 0 is older than any.
     int processReceiveAckNak(gssipMessage const& message, bool& handled, std::uint64_t arrival);
 
     /// The deadline of a message whose time counts from `time` (seconds of the port's time-stamp source):
@@ -87,8 +86,8 @@ class GSSIP_EXPORT gssipSendAckReq
     /// Guards `eventQ` and `nextEventId`; taken in turn (see `own`), before the port's `sendMutex`. Held while a
     /// message is resent.
     pthread_mutex_t eventQMutex;
-    pthread_cond_t
-        eventQCond;         ///< with `eventQMutex`: the front of the queue may have changed, or the thread is to stop
+    /// With `eventQMutex`: the front of the queue may have changed, or the thread is to stop.
+    pthread_cond_t eventQCond;
     asciiLogInterface* log; ///< never null
 
   private:
@@ -101,10 +100,11 @@ class GSSIP_EXPORT gssipSendAckReq
     /// Tells that a message is about to be written, so that an acknowledgement that comes before the message is
     /// registered finds it. Ended by `registerMessage` or `endAnnouncement`.
     void announce(gssipMessage const& message);
-    /// The driver is about to take the announced message's first byte; `arrivals` messages have been received.
+    /// The driver is about to take the announced message's first byte; so many messages have been received.
     void announcedIsOnItsWay(std::uint64_t arrivals);
     void endAnnouncement();
     int registerMessage(gssipMessage const& message, bool wasAnnounced);
+    int computeDeadline(double const& time, gssipSendAckReqEvent& event, std::int64_t& offset_ns);
 
     bool anyThreadExists() const;
     bool mayRun() const;
@@ -115,7 +115,7 @@ class GSSIP_EXPORT gssipSendAckReq
     void followClock();
     static void moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns);
     int enqueue(gssipSendAckReqEvent& event);
-    int dueAtOnce(gssipSendAckReqEvent& event);
+    int enqueueAs(fate outcome, gssipSendAckReqEvent& event);
     int matchPending(gssipMessage const& message, int index);
     void matchAnnounced(gssipMessage const& message, std::uint64_t arrival);
     int serveTimeout(std::uint32_t eventId);
