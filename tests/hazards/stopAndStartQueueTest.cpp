@@ -1,0 +1,195 @@
+// What is queued stays queued while the port stops and while its device is closed; what is registered stays registered
+// while it starts.
+
+#include "callOnThread.h"
+#include "frames.h"
+#include "holdingTime.h"
+#include "messages.h"
+#include "portOnLine.h"
+#include "processState.h"
+#include "temporaryFolder.h"
+#include "threadCalls.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+
+namespace
+{
+
+using kit::bytes;
+using kit::callOnThread;
+using kit::exposedPort;
+using kit::frame;
+using kit::holdingTime;
+using kit::message;
+using kit::portOnLine;
+using testing::IsEmpty;
+
+using holdingRig = portOnLine<exposedPort, holdingTime>;
+
+bytes framesOf(std::uint16_t first, std::uint16_t last)
+{
+    bytes all;
+    for (std::uint16_t id = first; id <= last; ++id)
+    {
+        bytes const next = frame(id, 0);
+        all.insert(all.end(), next.begin(), next.end());
+    }
+    return all;
+}
+
+void sendIds(exposedPort& port, std::uint16_t first, std::uint16_t last)
+{
+    for (std::uint16_t id = first; id <= last; ++id)
+    {
+        port.sendMessage(message(id), false);
+    }
+}
+
+TEST(FullQueueAtStop, NothingIsTakenBeyondTheMessageInHand)
+{
+    holdingRig rig;
+    ASSERT_TRUE(rig.port.start());
+    sendIds(rig.port, 1, 200);
+    rig.clock.place.awaitArrival(); // with the first message
+    callOnThread<bool> stopping([&] { return rig.port.stop(); });
+    stopping.awaitAsleep();
+    rig.clock.place.letGo();
+    EXPECT_TRUE(stopping.get());
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 199U);
+    EXPECT_EQ(rig.line.readUntilQuiet(), frame(1, 0));
+
+    ASSERT_TRUE(rig.port.start());
+    EXPECT_EQ(rig.line.read(199 * 10), framesOf(2, 200));
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 0U);
+}
+
+/// Before the device is closed, too: the stop has begun, and the next cycle of the thread takes nothing any more.
+TEST(FullQueueAtStop, NothingIsTakenWhileTheDeviceIsStillOpen)
+{
+    holdingRig rig;
+    ASSERT_TRUE(rig.port.start());
+    sendIds(rig.port, 1, 50);
+    rig.clock.place.awaitArrival();
+    std::atomic<bool> txMutexTaken{false};
+    kit::pauseBeforeLock pause([&](pthread_mutex_t& mutex) { // the first lock after that of the queue
+        bool const next = kit::isThread("stopper") && txMutexTaken;
+        txMutexTaken = txMutexTaken || (kit::isThread("stopper") && &mutex == &rig.port.txMutex);
+        return next;
+    });
+    kit::threadCallsReplaced const replaced(pause);
+    callOnThread<bool> stopping([&] {
+        pthread_setname_np(pthread_self(), "stopper");
+        return rig.port.stop();
+    });
+    pause.place.awaitArrival();
+    ASSERT_TRUE(rig.port.serial.isOpen());
+    rig.clock.place.letGo();
+    EXPECT_EQ(rig.line.readUntilQuiet(), frame(1, 0));
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
+    pause.place.letGo();
+    EXPECT_TRUE(stopping.get());
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
+}
+
+void queueIds(exposedPort& port, std::uint16_t first, std::uint16_t last)
+{
+    sentry const lock(port.txMutex);
+    for (std::uint16_t id = first; id <= last; ++id)
+    {
+        port.txQueue.emplace_back(message(id), false);
+    }
+}
+
+/// Each stop falls somewhere into the traffic; the message in hand is the only one that the queue has lost to it.
+TEST(FullQueueAtStop, ManyRestarts_WriteEveryMessageOnce)
+{
+    constexpr std::uint16_t last = 20000;
+    portOnLine<> rig;
+    queueIds(rig.port, 1, last);
+    callOnThread<bytes> peer([&] { return rig.line.read(std::size_t{last} * 10, std::chrono::seconds(20)); });
+    int restarts = 0;
+    while (rig.port.getNumberQueuedMessages() > 0)
+    {
+        ASSERT_TRUE(rig.port.start());
+        std::this_thread::sleep_for(std::chrono::microseconds(restarts % 10 * 20));
+        ASSERT_TRUE(rig.port.stop());
+        ++restarts;
+    }
+    EXPECT_EQ(peer.get(std::chrono::seconds(25)), framesOf(1, last));
+    EXPECT_GT(restarts, 1);
+}
+
+/// A start without a device has a transmit thread, but nowhere to write.
+TEST(FullQueueAtFailedStart, NothingIsTaken)
+{
+    kit::temporaryFolder folder;
+    std::string const name = (folder.path / "tty").string();
+    kit::pseudoTerminal line;
+    kit::settableTime clock;
+    kit::recordingLog log;
+    exposedPort port(name, clock, &log, false);
+    queueIds(port, 1, 20);
+    kit::threadWatch const watch;
+    ASSERT_FALSE(port.start());
+    ASSERT_TRUE(kit::waitUntilAsleep(watch.idOf("GP TX")));
+    pthread_cond_signal(&port.txCond);
+    ASSERT_TRUE(kit::waitUntilAsleep(watch.idOf("GP TX")));
+    EXPECT_EQ(port.getNumberQueuedMessages(), 20U);
+
+    std::filesystem::create_symlink(line.name(), name);
+    ASSERT_TRUE(port.start());
+    EXPECT_EQ(line.read(20 * 10), framesOf(1, 20));
+}
+
+/// The thread's flag tells that requests may be registered: from then on none is forgotten.
+TEST(RegistrationAtStart, FlagOfTheEventThread_IsSetUnderTheLockThatEmptiesTheQueue)
+{
+    portOnLine<> rig;
+    gssipMessage old = message(1, gssipMessage::ACK_REQ_FLAG);
+    rig.port.setAcknowledgeTimeout_sec(3600.0);
+    ASSERT_EQ(rig.tracker().processSendAckRequest(old), 0);
+
+    kit::threadWatch const watch;
+    pthread_mutex_lock(&rig.tracker().eventQMutex);
+    callOnThread<int> starting([&] { return rig.tracker().initializeEventThread(); });
+    bool const waits = kit::waitUntil([&] {
+        pid_t const eventThread = watch.idOf("gssipSendAckReq");
+        return eventThread != 0 && kit::isAsleep(eventThread);
+    });
+    EXPECT_TRUE(waits);
+    EXPECT_TRUE(rig.tracker().eventThreadRunning.isClear());
+    EXPECT_FALSE(starting.hasEnded());
+    pthread_mutex_unlock(&rig.tracker().eventQMutex);
+
+    EXPECT_EQ(starting.get(), 0);
+    EXPECT_THAT(rig.events(), IsEmpty());
+    rig.tracker().unnitializeEventThread();
+}
+
+/// The same as those see it who register: not before the flag, and whatever comes after it stays.
+TEST(RegistrationAtStart, RightAfterTheFlag_IsKept)
+{
+    portOnLine<> rig;
+    rig.port.setAcknowledgeTimeout_sec(3600.0);
+    for (int round = 0; round < 200; ++round)
+    {
+        callOnThread<int> registering([&] {
+            gssipMessage request = message(1, gssipMessage::ACK_REQ_FLAG);
+            while (rig.tracker().eventThreadRunning.isClear())
+            {
+                std::this_thread::yield();
+            }
+            return rig.tracker().processSendAckRequest(request);
+        });
+        ASSERT_EQ(rig.tracker().initializeEventThread(), 0);
+        ASSERT_EQ(registering.get(), 0);
+        ASSERT_EQ(rig.events().size(), 1U);
+        ASSERT_EQ(rig.tracker().unnitializeEventThread(), 0);
+    }
+}
+
+} // namespace

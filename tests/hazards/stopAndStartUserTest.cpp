@@ -1,0 +1,227 @@
+// Ports of ordinary users, of restricted processes and of real-time threads, and the signals of them all.
+
+#include "callOnThread.h"
+#include "frames.h"
+#include "messages.h"
+#include "ordinaryUser.h"
+#include "portOnLine.h"
+#include "processState.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <pthread.h>
+#include <sched.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace
+{
+
+using kit::frame;
+using kit::message;
+using kit::portOnLine;
+
+/// The policy of a thread and its real-time priority, as the system tells.
+std::string schedulingOf(pid_t thread)
+{
+    sched_param parameters{};
+    sched_getparam(thread, &parameters);
+    return std::to_string(sched_getscheduler(thread)) + "/" + std::to_string(parameters.sched_priority);
+}
+
+std::string const DEFAULT_SCHEDULING = std::to_string(SCHED_OTHER) + "/0";
+
+/// The port starts and passes a message each way; every thread of its own has the scheduling expected of it.
+std::string faultOfPort(std::string const& transmit, std::string const& events)
+{
+    kit::threadWatch const watch;
+    portOnLine<> rig;
+    if (!rig.port.start())
+    {
+        return "the port does not start";
+    }
+    std::string const found = schedulingOf(watch.idOf("GP TX")) + " " + schedulingOf(watch.idOf("gssipSendAckReq"));
+    if (found != transmit + " " + events)
+    {
+        return "the threads have policy and priority " + found;
+    }
+    rig.port.sendMessage(message(1), false);
+    if (rig.line.read(10) != frame(1, 0))
+    {
+        return "nothing is sent";
+    }
+    rig.line.write(frame(2, 0));
+    gssipMessage received;
+    if (rig.port.getMessage(received, true) != 0 || received.getId() != 2)
+    {
+        return "nothing is received";
+    }
+    return rig.port.stop() ? "" : "the port does not stop";
+}
+
+std::string faultOfPortWithDefaultScheduling()
+{
+    return faultOfPort(DEFAULT_SCHEDULING, DEFAULT_SCHEDULING);
+}
+
+std::string forbidRealTime()
+{
+    rlimit const none{0, 0};
+    return setrlimit(RLIMIT_RTPRIO, &none) == 0 ? "" : std::strerror(errno);
+}
+
+/// From now on this process may not change the scheduling of a thread, whoever it runs as.
+std::string refuseScheduling()
+{
+    std::vector<sock_filter> program{
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sched_setscheduler, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sched_setattr, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog const filter{static_cast<unsigned short>(program.size()), program.data()};
+    bool const inForce = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, 2, &filter) == 0;
+    return inForce ? "" : std::string("no filter: ") + std::strerror(errno);
+}
+
+bool realTimeIsPermitted()
+{
+    return kit::inOwnProcess([]() -> std::string {
+               sched_param parameters{};
+               parameters.sched_priority = 60;
+               return sched_setscheduler(0, SCHED_FIFO, &parameters) == 0 ? "" : "refused";
+           })
+        .empty();
+}
+
+TEST(OrdinaryUser, Port_WorksWithDefaultScheduling)
+{
+    EXPECT_EQ(kit::asOrdinaryUser(faultOfPortWithDefaultScheduling, forbidRealTime), "");
+}
+
+/// A container may run everything as root and refuse all the same.
+TEST(RestrictedProcess, PortWhoseSchedulingIsRefused_WorksWithDefaultScheduling)
+{
+    EXPECT_EQ(kit::inOwnProcess([] {
+                  std::string const fault = refuseScheduling();
+                  return fault.empty() ? faultOfPortWithDefaultScheduling() : fault;
+              }),
+              "");
+}
+
+TEST(PrivilegedUser, Port_HasRealTimeThreads)
+{
+    if (!realTimeIsPermitted())
+    {
+        GTEST_SKIP() << "this user may not use real-time scheduling";
+    }
+    std::string const roundRobin = std::to_string(SCHED_RR);
+    EXPECT_EQ(kit::inOwnProcess([&] { return faultOfPort(roundRobin + "/51", roundRobin + "/50"); }), "");
+}
+
+// --- Signals
+
+/// Every signal that can be blocked and that the C library does not keep for itself.
+bool blocksEverySignal(kit::threadState const& thread)
+{
+    sigset_t all;
+    sigfillset(&all);
+    sigdelset(&all, SIGKILL);
+    sigdelset(&all, SIGSTOP);
+    for (int signal = 1; signal <= SIGRTMAX; ++signal)
+    {
+        bool const blocked = (thread.blockedSignals >> (signal - 1) & 1U) != 0;
+        if (sigismember(&all, signal) == 1 && !blocked)
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST(Signals, EveryThreadOfThePort_BlocksThemAll)
+{
+    portOnLine<> rig;
+    kit::threadWatch const watch;
+    ASSERT_TRUE(rig.port.start());
+    std::vector<kit::threadState> const threads = watch.added();
+    ASSERT_EQ(threads.size(), 4U);
+    for (kit::threadState const& thread : threads)
+    {
+        EXPECT_TRUE(blocksEverySignal(thread)) << thread.name << std::hex << ' ' << thread.blockedSignals;
+    }
+}
+
+TEST(Signals, StartersMask_IsAsItWas)
+{
+    sigset_t chosen;
+    sigemptyset(&chosen);
+    sigaddset(&chosen, SIGUSR2);
+    sigset_t former;
+    pthread_sigmask(SIG_SETMASK, &chosen, &former);
+    {
+        portOnLine<> rig;
+        EXPECT_TRUE(rig.port.start());
+        sigset_t now;
+        pthread_sigmask(SIG_SETMASK, nullptr, &now);
+        for (int signal = 1; signal <= SIGRTMAX; ++signal)
+        {
+            EXPECT_EQ(sigismember(&now, signal), sigismember(&chosen, signal)) << signal;
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+}
+
+// --- A starter that outranks the threads it starts, on the only processor that they may use
+
+std::string becomeRealTimeOnOneProcessor()
+{
+    cpu_set_t allowed;
+    sched_getaffinity(0, sizeof allowed, &allowed);
+    int first = 0;
+    while (!CPU_ISSET(static_cast<std::size_t>(first), &allowed))
+    {
+        ++first;
+    }
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<std::size_t>(first), &one);
+    sched_param parameters{};
+    parameters.sched_priority = 60;
+    bool const done =
+        sched_setaffinity(0, sizeof one, &one) == 0 && sched_setscheduler(0, SCHED_FIFO, &parameters) == 0;
+    return done ? "" : std::strerror(errno);
+}
+
+TEST(RealTimeStarter, OnTheThreadsProcessor_LetsThemBegin)
+{
+    if (!realTimeIsPermitted())
+    {
+        GTEST_SKIP() << "this user may not use real-time scheduling";
+    }
+    EXPECT_EQ(kit::inOwnProcess([]() -> std::string {
+                  ::signal(SIGALRM, SIG_DFL);
+                  ::alarm(10); // a starter that never lets go of the processor is ended by the system
+                  std::string fault = becomeRealTimeOnOneProcessor();
+                  for (int round = 0; round < 20 && fault.empty(); ++round)
+                  {
+                      portOnLine<> rig;
+                      fault = rig.port.start() && rig.port.stop() ? "" : "the port does not start and stop";
+                  }
+                  return fault;
+              }),
+              "");
+}
+
+} // namespace

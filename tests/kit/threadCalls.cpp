@@ -1,0 +1,117 @@
+#include "threadCalls.h"
+
+#include <atomic>
+#include <dlfcn.h>
+
+namespace
+{
+
+std::atomic<kit::threadCalls*> replacement{nullptr};
+
+/// True while this thread is inside a replacement, whose own calls are the system's business.
+thread_local bool inside = false;
+
+/// The function that this program would call without the ones below: the C library's, or a sanitizer's.
+template <typename Function>
+Function* next(char const* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+template <typename Call>
+void tell(Call const& call)
+{
+    kit::threadCalls* const replaced = replacement;
+    if (replaced != nullptr && !inside)
+    {
+        inside = true;
+        call(*replaced);
+        inside = false;
+    }
+}
+
+} // namespace
+
+namespace kit
+{
+
+int threadCalls::create(pthread_t& thread, pthread_attr_t const* attributes, threadEntry entry, void* argument)
+{
+    static auto* const real = next<int(pthread_t*, pthread_attr_t const*, threadEntry, void*)>("pthread_create");
+    return real(&thread, attributes, entry, argument);
+}
+
+int threadCalls::setName(pthread_t thread, char const* name)
+{
+    static auto* const real = next<int(pthread_t, char const*)>("pthread_setname_np");
+    return real(thread, name);
+}
+
+threadCallsReplaced::threadCallsReplaced(threadCalls& other)
+{
+    replacement = &other;
+}
+
+threadCallsReplaced::~threadCallsReplaced()
+{
+    replacement = nullptr;
+}
+
+} // namespace kit
+
+extern "C" {
+
+int pthread_create(pthread_t* thread, pthread_attr_t const* attributes, kit::threadEntry entry, void* argument) noexcept
+{
+    static kit::threadCalls systems;
+    int status = 0;
+    bool served = false;
+    tell([&](kit::threadCalls& calls) {
+        status = calls.create(*thread, attributes, entry, argument);
+        served = true;
+    });
+    return served ? status : systems.create(*thread, attributes, entry, argument);
+}
+
+int pthread_setname_np(pthread_t thread, char const* name) noexcept
+{
+    static kit::threadCalls systems;
+    int status = 0;
+    bool served = false;
+    tell([&](kit::threadCalls& calls) {
+        status = calls.setName(thread, name);
+        served = true;
+    });
+    return served ? status : systems.setName(thread, name);
+}
+
+int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
+{
+    static auto* const real = next<int(pthread_mutex_t*)>("pthread_mutex_lock");
+    tell([&](kit::threadCalls& calls) { calls.beforeLock(*mutex); });
+    return real(mutex);
+}
+
+int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
+{
+    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
+    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
+    return real(condition, mutex);
+}
+
+int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
+{
+    static auto* const real =
+        next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
+    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
+    return real(condition, mutex, clock, deadline);
+}
+
+int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline)
+{
+    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
+    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
+    return real(condition, mutex, deadline);
+}
+
+} // extern "C"
