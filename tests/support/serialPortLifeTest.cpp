@@ -381,20 +381,23 @@ class stuckAdapter : public kit::systemCalls
 
     int close(int descriptor) override
     {
-        if (isTheDevice(descriptor))
+        if (!isTheDevice(descriptor))
         {
-            closingThread = gettid();
-            while (queued != 0)
-            {
-                std::this_thread::sleep_for(milliseconds(1));
-            }
+            return systemCalls::close(descriptor);
+        }
+        closingThread = gettid();
+        while (queued != 0)
+        {
+            std::this_thread::sleep_for(milliseconds(1));
         }
         int const result = systemCalls::close(descriptor);
+        isClosed = true;
         return result;
     }
 
     std::atomic<int> queued{3000};
     std::atomic<pid_t> closingThread{0};
+    std::atomic<bool> isClosed{false}; ///< from then on the closing thread does not come here any more
 
   private:
     bool isTheDevice(int descriptor) const
@@ -421,12 +424,14 @@ TEST_F(SerialPortLife, CloseOfAnAdapterThatKeepsItsBytes_IsFinishedByAnotherThre
     EXPECT_EQ(send({1}).status, EBADF);
     EXPECT_TRUE(kit::waitUntil([&] { return adapter.closingThread != 0; }));
     EXPECT_NE(adapter.closingThread, gettid());
+    EXPECT_EQ(threads.added().size(), 1U);
     for (kit::threadState const& thread : threads.added())
     {
         EXPECT_NE(thread.blockedSignals & (std::uint64_t{1} << (SIGTERM - 1)), 0U) << "signals are the application's";
     }
 
     adapter.queued = 0;
+    EXPECT_TRUE(kit::waitUntil([&] { return adapter.isClosed.load(); }));
     EXPECT_TRUE(kit::waitUntil([this] { return port.open() == 0; }));
     EXPECT_EQ(port.close(), 0);
     EXPECT_TRUE(threads.waitForAdded(0));
@@ -443,6 +448,7 @@ TEST_F(SerialPortLife, ObjectDestroyedWhileItsAdapterStillCloses_LeavesNothingBe
     }
     EXPECT_TRUE(kit::holdsOpen(line.name()));
     adapter.queued = 0;
+    EXPECT_TRUE(kit::waitUntil([&] { return adapter.isClosed.load(); }));
     EXPECT_TRUE(threads.waitForAdded(0));
     EXPECT_FALSE(kit::holdsOpen(line.name()));
 }
