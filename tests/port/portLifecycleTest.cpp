@@ -327,6 +327,27 @@ TEST(PortStart, FromSeveralThreads_OneReceiverSetIsMade)
     }
 }
 
+TEST(PortStartAndStop, FromSeveralThreads_LeaveAWholePortOrNone)
+{
+    kit::threadWatch const watch;
+    portOnLine<> rig;
+    auto const toggle = [&rig] {
+        for (int round = 0; round < 30; ++round)
+        {
+            EXPECT_TRUE(rig.port.start());
+            EXPECT_TRUE(rig.port.stop());
+        }
+    };
+    auto one = std::async(std::launch::async, toggle);
+    auto two = std::async(std::launch::async, toggle);
+    one.get();
+    two.get();
+    EXPECT_FALSE(rig.port.started);
+    EXPECT_TRUE(watch.waitForAdded(0));
+    EXPECT_TRUE(rig.port.start());
+    EXPECT_TRUE(watch.waitForAdded(4));
+}
+
 // --- Starting again
 
 TEST(PortRestart, ManyTimes_LeavesNoThreadAndNoDescriptor)
