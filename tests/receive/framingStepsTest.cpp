@@ -37,8 +37,7 @@ class receiverWithThreads : public kit::exposedReceive
   public:
     using kit::exposedReceive::exposedReceive;
 
-    using gssipReceive::bytesRead;
-    using gssipReceive::readThread;
+    using gssipReceive::readBuffer;
     using gssipReceive::thread;
 };
 
@@ -107,6 +106,11 @@ TEST_F(FramingSteps, Construct_SearchesAStartAndHasNothingToTry)
     EXPECT_FALSE(receiver.stopRead);
     EXPECT_FALSE(receiver.stopProcess);
     EXPECT_EQ(receiver.rxQueue.size(), 0U);
+}
+
+TEST_F(FramingSteps, Construct_ReadsUpTo4096BytesAtOnce)
+{
+    EXPECT_EQ(sizeof(receiver.readBuffer), 4096U);
 }
 
 TEST_F(FramingSteps, States_HaveTheirNumbers)

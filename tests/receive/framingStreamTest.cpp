@@ -1,5 +1,6 @@
 #include "frames.h"
 #include "portOnLine.h"
+#include "processState.h"
 #include "referenceDecoder.h"
 
 #include <algorithm>
@@ -10,7 +11,9 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <sched.h>
 #include <thread>
+#include <unistd.h>
 
 namespace
 {
@@ -536,6 +539,37 @@ TEST(ReceiverEnd, Destroy_QuietOpenDeviceDoesNotHoldItUp)
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     EXPECT_TRUE(at.log.lines().empty());
+}
+
+TEST(ReceiverThreads, Construct_StartsTwoOfOrdinaryKind)
+{
+    kit::portOnLine<> at;
+    ASSERT_EQ(at.port.serial.open(), 0);
+    kit::threadWatch const threads;
+    std::string const ownName = kit::taskFile(getpid(), "comm");
+    kit::exposedReceive const receiver(at.port, &at.log);
+    auto const added = threads.added();
+    ASSERT_EQ(added.size(), 2U);
+    for (kit::threadState const& thread : added)
+    {
+        EXPECT_EQ(thread.name + "\n", ownName);
+        EXPECT_EQ(sched_getscheduler(thread.id), SCHED_OTHER);
+    }
+}
+
+TEST(ReceiverThreads, QuietLine_BothSleep)
+{
+    kit::portOnLine<> at;
+    ASSERT_EQ(at.port.serial.open(), 0);
+    kit::threadWatch const threads;
+    kit::exposedReceive const receiver(at.port, &at.log);
+    for (kit::threadState const& thread : threads.added())
+    {
+        ASSERT_TRUE(kit::waitUntilAsleep(thread.id));
+        std::string const before = kit::statusField(thread.id, "voluntary_ctxt_switches");
+        std::this_thread::sleep_for(100ms);
+        EXPECT_EQ(kit::statusField(thread.id, "voluntary_ctxt_switches"), before);
+    }
 }
 
 TEST(ReceiverEnd, Destroy_UntakenMessagesGoWithIt)

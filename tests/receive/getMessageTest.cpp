@@ -544,6 +544,23 @@ TEST_F(GetMessage, EachInvalidSkipped_IsLogged)
     EXPECT_EQ(at.log.count(invalidMessage()), 3U);
 }
 
+/// A message of an application that accepts even ids only.
+class evenMessage : public gssipMessage
+{
+  public:
+    bool isValid() const override { return gssipMessage::isValid() && getId() % 2 == 0; }
+};
+
+TEST_F(GetMessage, MessageWithATestOfItsOwn_IsJudgedByIt)
+{
+    evenMessage even;
+    receive(kit::frame(1, request) + kit::frame(2, 0), 2);
+    EXPECT_EQ(at.port.getMessage(even, true), 0);
+    EXPECT_EQ(even.getId(), 2);
+    EXPECT_EQ(at.log.count(invalidMessage()), 1U);
+    expectAnswer(negativeAcknowledgementOf1);
+}
+
 // An acknowledgement that cannot be written: the device closes while the message waits in the queue.
 
 class GetMessageMute : public GetMessage

@@ -436,7 +436,7 @@ class EventThread : public testing::Test
         at.port.setAcknowledgeTimeout_sec(0.0);
     }
 
-    int registerOverdue(std::uint16_t id)
+    int registerSentASecondAgo(std::uint16_t id)
     {
         gssipMessage message(id, request, 0);
         message.setSendTimeStamp(at.clock.getTime_sec() - 1.0);
@@ -472,6 +472,15 @@ class EventThread : public testing::Test
         event.retransmitCount = retransmitCount;
         tracker.eventQ.push_back(event);
         pthread_cond_signal(&tracker.eventQCond);
+    }
+
+    void expectNoWakeUp()
+    {
+        pid_t const id = threads.idOf(threadName);
+        ASSERT_TRUE(kit::waitUntilAsleep(id));
+        std::string const before = kit::statusField(id, "voluntary_ctxt_switches");
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(kit::statusField(id, "voluntary_ctxt_switches"), before);
     }
 
     bool comesToRun()
@@ -549,7 +558,7 @@ TEST_F(EventThread, Unnitialize_LeavesPendingEvents)
 {
     ASSERT_EQ(tracker.initializeEventThread(), 0);
     at.port.setAcknowledgeTimeout_sec(never_sec);
-    ASSERT_EQ(registerOverdue(1), 0);
+    ASSERT_EQ(registerSentASecondAgo(1), 0);
     EXPECT_EQ(tracker.unnitializeEventThread(), 0);
     EXPECT_EQ(at.events().size(), 1U);
 }
@@ -564,9 +573,25 @@ TEST_F(EventThread, InitializeAndUnnitialize_CanBeRepeated)
     EXPECT_TRUE(allHaveEnded());
 }
 
+TEST_F(EventThread, NothingPending_Sleeps)
+{
+    ASSERT_EQ(tracker.initializeEventThread(), 0);
+    expectNoWakeUp();
+    EXPECT_EQ(tracker.unnitializeEventThread(), 0);
+}
+
+TEST_F(EventThread, DeadlineFarAway_SleepsUntilThen)
+{
+    ASSERT_EQ(tracker.initializeEventThread(), 0);
+    at.port.setAcknowledgeTimeout_sec(never_sec);
+    ASSERT_EQ(registerSentASecondAgo(1), 0);
+    expectNoWakeUp();
+    EXPECT_EQ(tracker.unnitializeEventThread(), 0);
+}
+
 TEST_F(EventThread, Body_SetsItsFlagEmptiesTheQueueAndReturnsZeroWhenAskedToEnd)
 {
-    ASSERT_EQ(registerOverdue(1), 0);
+    ASSERT_EQ(registerSentASecondAgo(1), 0);
     auto running = std::async(std::launch::async, [this] { return tracker.eventThread(); });
     ASSERT_TRUE(comesToRun());
     EXPECT_TRUE(at.waitForPending(0));
@@ -580,7 +605,7 @@ TEST_F(EventThread, Body_ResendsAndDrops)
 {
     auto running = std::async(std::launch::async, [this] { return tracker.eventThread(); });
     ASSERT_TRUE(comesToRun());
-    ASSERT_EQ(registerOverdue(1), 0);
+    ASSERT_EQ(registerSentASecondAgo(1), 0);
     EXPECT_TRUE(kit::waitUntil([this] { return at.port.resent().size() == 1; }));
     EXPECT_TRUE(at.waitForPending(0));
     askToEnd();
