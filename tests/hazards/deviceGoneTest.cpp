@@ -3,6 +3,7 @@
 #include "callOnThread.h"
 #include "frames.h"
 #include "portOnLine.h"
+#include "processorTime.h"
 #include "serialPortOnLine.h"
 #include "stopwatch.h"
 #include "systemCalls.h"
@@ -14,7 +15,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace
@@ -183,16 +183,6 @@ TEST(DeviceGone, PauseOfAReceive_IsEndedByOpen)
     EXPECT_EQ(result.data, bytes{7});
 }
 
-double processorTime_sec()
-{
-    rusage used{};
-    getrusage(RUSAGE_SELF, &used);
-    auto const seconds = [](timeval const& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) * 1e-6;
-    };
-    return seconds(used.ru_utime) + seconds(used.ru_stime);
-}
-
 TEST(DeviceGone, PortWithoutItsDevice_CostsNextToNothing)
 {
     kit::portOnLine<> rig;
@@ -201,11 +191,10 @@ TEST(DeviceGone, PortWithoutItsDevice_CostsNextToNothing)
     std::string const line = "gssipReceive(" + rig.id() + ") Error Reading Serial Port: ";
     ASSERT_TRUE(rig.log.waitFor(line));
 
-    double const before_sec = processorTime_sec();
+    kit::processorTime const work;
     kit::stopwatch const watch;
     std::this_thread::sleep_for(std::chrono::seconds(2));
-    double const used_sec = processorTime_sec() - before_sec;
-    EXPECT_LT(used_sec, 0.01 * watch.elapsed_sec()) << "a hundredth of a processor";
+    EXPECT_LT(work.used_sec(), 0.01 * watch.elapsed_sec()) << "a hundredth of a processor";
     EXPECT_LE(rig.log.count(line), 10 * (1 + static_cast<std::size_t>(watch.elapsed_sec())));
     EXPECT_TRUE(rig.port.stop());
 }

@@ -1,12 +1,12 @@
-// Work that must not grow faster than what is worked on. Every limit is a count or a ratio of two times measured in the
-// same run, with a wide margin: linear work has a ratio near 1, quadratic work one of 60 and more.
+// Work that must not grow faster than what is worked on. Every limit is a count or a ratio of two processor times
+// measured in the same run, with a wide margin: linear work has a ratio near 1, quadratic work one of 60 and more.
 
 #include "allocations.h"
 #include "frames.h"
 #include "messages.h"
 #include "portOnLine.h"
+#include "processorTime.h"
 #include "startWordSearch.h"
-#include "stopwatch.h"
 
 #include <algorithm>
 #include <ctime>
@@ -47,7 +47,7 @@ class Growth : public testing::Test
     }
 };
 
-/// The shortest of many runs: what the work itself takes, without what the machine did besides.
+/// The shortest of many runs.
 double shortestOf_sec(int times, std::function<double()> const& run_sec)
 {
     double shortest_sec = NEVER_SEC;
@@ -92,7 +92,7 @@ double framing_sec(bytes const& noise)
     EXPECT_EQ(rig.port.serial.open(), 0);
     kit::exposedReceive receiver(rig.port, nullptr);
     bytes const stream = noise + frame(7, 0);
-    kit::stopwatch const watch;
+    kit::processorTime const work;
     {
         std::lock_guard<std::mutex> const lock(receiver.frameMutex);
         receiver.frameBuffer = stream;
@@ -102,7 +102,7 @@ double framing_sec(bytes const& noise)
     gssipMessage found;
     EXPECT_EQ(receiver(found), 0);
     EXPECT_EQ(found.getId(), 7);
-    return watch.elapsed_sec();
+    return work.used_sec();
 }
 
 void expectLinearFraming(std::function<bytes(std::size_t)> const& noise)
@@ -134,9 +134,9 @@ TEST_F(Growth, StartsOfNothing_AreDroppedInTimeProportionalToThem)
 
 double search_sec(bytes const& noise)
 {
-    kit::stopwatch const watch;
+    kit::processorTime const work;
     std::size_t const found = gssipInternal::bytesBeforeStartWord(noise.data(), noise.size());
-    double const time_sec = watch.elapsed_sec();
+    double const time_sec = work.used_sec();
     EXPECT_EQ(found, noise.size() - 1);
     return time_sec;
 }
@@ -165,9 +165,9 @@ double removal_sec(std::size_t entries)
             rig.port.txQueue.emplace_back(message(each % 2 == 0 ? 1 : 2, 0, {1, 2, 3}), false);
         }
     }
-    kit::stopwatch const watch;
+    kit::processorTime const work;
     rig.port.removeMsgIdFromTxQueue(1U);
-    double const time_sec = watch.elapsed_sec();
+    double const time_sec = work.used_sec();
     EXPECT_EQ(rig.port.getNumberQueuedMessages(), entries / 2);
     return time_sec;
 }
@@ -202,18 +202,18 @@ struct busyTracker : kit::portOnLine<>
     double registration_sec()
     {
         gssipMessage tracked = message(2, gssipMessage::ACK_REQ_FLAG, {1, 2, 3});
-        kit::stopwatch const watch;
+        kit::processorTime const work;
         EXPECT_EQ(port.sendAckReq.processSendAckRequest(tracked), 0);
-        return watch.elapsed_sec();
+        return work.used_sec();
     }
 
     /// The least that a queue which is kept in order must cost.
     double look_sec()
     {
         sentry const lock(tracker().eventQMutex);
-        kit::stopwatch const watch;
+        kit::processorTime const work;
         EXPECT_TRUE(std::is_sorted(tracker().eventQ.begin(), tracker().eventQ.end(), eventLess));
-        return watch.elapsed_sec();
+        return work.used_sec();
     }
 
     std::size_t mostAllocationsOfARegistration()
