@@ -1,5 +1,7 @@
 #include "allocations.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -10,8 +12,22 @@ thread_local std::size_t made = 0;
 thread_local bool failureAhead = false;
 thread_local std::size_t successesLeft = 0;
 
+thread_local bool countsElsewhere = false; ///< on the thread that has asked for a failure on the others
+std::atomic<bool> failureElsewhere{false};
+std::atomic<std::int64_t> successesLeftElsewhere{0};
+
+void failElsewhere()
+{
+    if (failureElsewhere && !countsElsewhere && successesLeftElsewhere.fetch_sub(1) == 0)
+    {
+        failureElsewhere = false;
+        throw std::bad_alloc();
+    }
+}
+
 void* allocate(std::size_t size)
 {
+    failElsewhere();
     if (failureAhead && successesLeft == 0)
     {
         failureAhead = false;
@@ -84,6 +100,24 @@ oneFailingAllocation::~oneFailingAllocation()
 bool oneFailingAllocation::happened() const
 {
     return !failureAhead;
+}
+
+oneFailingAllocationElsewhere::oneFailingAllocationElsewhere(std::size_t successes)
+{
+    countsElsewhere = true;
+    successesLeftElsewhere = static_cast<std::int64_t>(successes);
+    failureElsewhere = true;
+}
+
+oneFailingAllocationElsewhere::~oneFailingAllocationElsewhere()
+{
+    failureElsewhere = false;
+    countsElsewhere = false;
+}
+
+bool oneFailingAllocationElsewhere::happened() const
+{
+    return !failureElsewhere;
 }
 
 } // namespace kit

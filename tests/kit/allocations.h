@@ -4,7 +4,7 @@
 #include <cstddef>
 
 /// \file
-/// Watches and fails the memory that the calling thread takes with `operator new`, the library's share included.
+/// Watches and fails the memory that threads take with `operator new`, the library's share included.
 /// Link allocations.cpp into the test program: it replaces the operator there.
 
 namespace kit
@@ -22,6 +22,18 @@ class oneFailingAllocation
     ~oneFailingAllocation();
     oneFailingAllocation(oneFailingAllocation const&) = delete;
     oneFailingAllocation& operator=(oneFailingAllocation const&) = delete;
+
+    bool happened() const; ///< true once the failure has been delivered
+};
+
+/// The same for all other threads together: while it lives, the n-th allocation that any of them makes throws.
+class oneFailingAllocationElsewhere
+{
+  public:
+    explicit oneFailingAllocationElsewhere(std::size_t successes);
+    ~oneFailingAllocationElsewhere();
+    oneFailingAllocationElsewhere(oneFailingAllocationElsewhere const&) = delete;
+    oneFailingAllocationElsewhere& operator=(oneFailingAllocationElsewhere const&) = delete;
 
     bool happened() const; ///< true once the failure has been delivered
 };
