@@ -10,10 +10,12 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -640,6 +642,27 @@ TEST(PortDeviceTransmit, StopDuringAWrite_KeepsTheRestQueued)
     EXPECT_TRUE(rig.port.start());
     EXPECT_TRUE(rig.waitForSent(3));
     EXPECT_THAT(rig.device.sent(), ElementsAre(frame(1, 0), frame(2, 0), frame(3, 0)));
+}
+
+TEST(PortDeviceTransmit, GateOpenedWhileThePortIsBeingStopped_LetsNothingThrough)
+{
+    portOnScript<> rig;
+    rig.port.setHandshakeTimeout_sec(-1.0);
+    ASSERT_TRUE(rig.port.start());
+    pid_t const transmitThread = rig.watch.idOf("GP TX");
+    ASSERT_TRUE(kit::waitUntilAsleep(transmitThread));
+    rig.port.resetPortReady();
+    std::vector<gssipMessage> const batch{message(1), message(2)};
+    rig.port.sendDtMessages(batch.begin(), 2); // the second one waits in front of the gate
+    ASSERT_TRUE(rig.waitForSent(1));
+    ASSERT_TRUE(kit::waitUntilAsleep(transmitThread));
+    rig.device.duringClose = [&rig] {
+        rig.port.signalPortReady();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    };
+    EXPECT_TRUE(rig.port.stop());
+    EXPECT_THAT(rig.device.sent(), ElementsAre(frame(1, 0)));
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 1U);
 }
 
 } // namespace
