@@ -16,7 +16,7 @@ class discardLog : public asciiLogInterface
     /// The log given, or this one.
     static asciiLogInterface* unless(asciiLogInterface* given)
     {
-        static discardLog* const nowhere = new discardLog; // never destroyed: it may outlive static ports
+        static auto* const nowhere = new discardLog; // never destroyed: it may outlive static ports
         return given != nullptr ? given : nowhere;
     }
 };

@@ -181,6 +181,7 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     void appendTracked(std::vector<gssipMessage>::const_iterator first, unsigned count);
     int waitForGate(double timeout_sec);
     int writeFrame(gssipMessage& message, std::function<void()> const& beforeFirstByte);
+    int writeImage(gssipMessage const& message, std::function<void()> const& beforeFirstByte);
     int writeTracked(gssipMessage& message);
 
     int deliver(gssipMessage const& message);

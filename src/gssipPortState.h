@@ -9,12 +9,14 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <vector>
 
 struct gssipPort::privateState
 {
     std::mutex lifecycle; ///< serialises start and stop; the first lock in any order
     gssipInternal::ownedThread transmit;
     gssipInternal::turnstile writers; ///< before `sendMutex`
+    std::vector<std::uint8_t> image;  ///< of the frame that is being written; guarded by sendMutex
     std::uint32_t timesOpened = 0;    ///< of the port-ready gate; guarded by readyMutex
     std::atomic<unsigned> queued{0};  ///< length of `txQueue` when `txMutex` was last released
 };

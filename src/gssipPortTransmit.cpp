@@ -20,6 +20,9 @@ namespace
 
 constexpr unsigned MOST_QUEUED = 100;
 
+/// Memory for frames up to this length is kept from one to the next.
+constexpr std::size_t MOST_BYTES_KEPT = 4096;
+
 constexpr std::int32_t LEVEL_REJECT = 2;
 
 constexpr std::uint16_t ACK = gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG;
@@ -142,14 +145,22 @@ int gssipPort::writeFrame(gssipMessage& message, std::function<void()> const& be
 {
     message.setHeaderChecksum();
     message.setDataChecksum();
-    std::vector<std::uint8_t> const image = message.getHeaderAndDataUint8();
-    int status = 0;
-    {
-        fairSentry const turn(own->writers, sendMutex);
-        unsigned sent = 0;
-        status = serial.send(image.data(), static_cast<unsigned>(image.size()), sent, beforeFirstByte);
-    }
+    int const status = writeImage(message, beforeFirstByte);
     message.setSendTimeStamp(timeStamp.getTime_sec());
+    return status;
+}
+
+int gssipPort::writeImage(gssipMessage const& message, std::function<void()> const& beforeFirstByte)
+{
+    fairSentry const turn(own->writers, sendMutex);
+    std::vector<std::uint8_t>& image = own->image;
+    message.getHeaderAndDataUint8(image);
+    unsigned sent = 0;
+    int const status = serial.send(image.data(), static_cast<unsigned>(image.size()), sent, beforeFirstByte);
+    if (image.size() > MOST_BYTES_KEPT)
+    {
+        std::vector<std::uint8_t>().swap(image);
+    }
     return status;
 }
 

@@ -184,7 +184,14 @@ bool gssipMessage::isHandshakeFlagSet() const
 
 std::vector<std::uint8_t> gssipMessage::getHeaderAndDataUint8() const
 {
-    std::vector<std::uint8_t> image(getSizeBytes()); // zero: words that are missing from the data stay so
+    std::vector<std::uint8_t> image;
+    getHeaderAndDataUint8(image);
+    return image;
+}
+
+void gssipMessage::getHeaderAndDataUint8(std::vector<std::uint8_t>& image) const
+{
+    image.resize(getSizeBytes());
     std::uint8_t* out = image.data();
     for (std::size_t place = SOM_WORD; place < HEADER_WORDS; ++place)
     {
@@ -193,10 +200,13 @@ std::vector<std::uint8_t> gssipMessage::getHeaderAndDataUint8() const
     }
     if (!isHeaderMessage())
     {
-        gssipInternal::storeWords(data.data(), out, dataWordsSent());
-        gssipInternal::storeWord(dataChecksum, out + getDataWordSize() * WORD_BYTES);
+        std::size_t const held = dataWordsSent();
+        std::uint8_t* const missing = out + held * WORD_BYTES;
+        std::uint8_t* const checksum = out + getDataWordSize() * WORD_BYTES;
+        gssipInternal::storeWords(data.data(), out, held);
+        std::fill(missing, checksum, std::uint8_t{0});
+        gssipInternal::storeWord(dataChecksum, checksum);
     }
-    return image;
 }
 
 unsigned gssipMessage::getSizeBytes() const

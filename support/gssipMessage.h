@@ -88,6 +88,8 @@ class GSSIP_EXPORT gssipMessage
     /// The message as it stands on the line, checksums as stored. It follows the count N in the header: data words
     /// beyond N are left out and missing ones are zero, so that the result is always one whole frame.
     std::vector<std::uint8_t> getHeaderAndDataUint8() const;
+    /// The same into a vector that is there already; allocates only when that is too small.
+    void getHeaderAndDataUint8(std::vector<std::uint8_t>& image) const;
     /// The length of that image in bytes: 10 when N is 0, (N + 6) × 2 otherwise.
     unsigned getSizeBytes() const;
 
