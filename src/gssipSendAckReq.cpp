@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <new>
 #include <sched.h>
 #include <string>
 #include <utility>
@@ -464,7 +465,16 @@ int gssipSendAckReq::processRetransmit(double const& time, int const& index)
 
 int gssipSendAckReq::resend(gssipSendAckReqEvent& event, double const& time)
 {
-    port.resendMessage(event.message); // a copy that could not be written is as good as one that was lost on the line
+    try
+    {
+        port.resendMessage(
+            event.message); // a copy that could not be written is as good as one that was lost on the line
+    }
+    catch (std::bad_alloc const&) // there was no memory for its image, so nothing was written: the event is as before
+    {
+        --event.retransmitCount;
+        throw;
+    }
     std::int64_t offset_ns = 0;
     int const status = computeDeadline(time, event, offset_ns);
     moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));

@@ -10,9 +10,8 @@
 
 #include <atomic>
 #include <cerrno>
-#include <locale>
 #include <mutex>
-#include <sstream>
+#include <string>
 #include <thread>
 #include <unistd.h>
 
@@ -275,12 +274,10 @@ int serialPort::getByteTransmitTime(double& seconds)
 int serialPort::getConfigString(std::string& text)
 {
     lineSettings const settings = own->settings.now();
-    std::ostringstream out;
-    out.imbue(std::locale::classic());
-    out << own->name << ' ' << settings.speed << ' ' << settings.dataBits << parityLetter(settings.parity)
-        << settings.stopBits << " vmin(" << unsigned{settings.vmin} << ") vtime(" << unsigned{settings.vtime}
-        << ") interMsgGapBits(" << settings.interMsgGapBits << ')';
-    text = out.str();
+    text = own->name + ' ' + std::to_string(settings.speed) + ' ' + std::to_string(settings.dataBits) +
+           parityLetter(settings.parity) + std::to_string(settings.stopBits) + " vmin(" +
+           std::to_string(settings.vmin) + ") vtime(" + std::to_string(settings.vtime) + ") interMsgGapBits(" +
+           std::to_string(settings.interMsgGapBits) + ')';
     return 0;
 }
 
