@@ -45,6 +45,35 @@ TEST_F(SerialPortFailure, HangUp_IsAnErrorOfReceiveAndSendUntilClose)
     EXPECT_EQ(port.open(), ENOENT);
 }
 
+TEST_F(SerialPortFailure, HangUpWithVmin0_IsNotTakenForSilence)
+{
+    ASSERT_EQ(port.setVminVtime(0, 1), 0);
+    ASSERT_EQ(port.open(), 0);
+    EXPECT_EQ(receive().status, 0) << "nothing has come, that is all";
+    line.hangUp();
+    EXPECT_EQ(receive().status, EIO);
+}
+
+TEST_F(SerialPortFailure, BytesBeforeAHangUp_DoNotHideIt)
+{
+    ASSERT_EQ(port.setVminVtime(10, 255), 0);
+    ASSERT_EQ(port.open(), 0);
+    kit::callOnThread<kit::transfer> receiving([this] { return receive(); });
+    line.write({1, 2, 3});
+    receiving.awaitAsleep();
+    line.hangUp();
+    kit::transfer const first = receiving.get();
+    if (first.status == 0)
+    {
+        EXPECT_EQ(first.data, (bytes{1, 2, 3}));
+        EXPECT_EQ(receive().status, EIO);
+    }
+    else
+    {
+        EXPECT_EQ(first.status, EIO);
+    }
+}
+
 TEST_F(SerialPortFailure, HangUpInASendThatWaits_EndsIt)
 {
     ASSERT_EQ(port.open(), 0);

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <iterator>
+#include <poll.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <system_error>
@@ -212,6 +213,39 @@ TEST_F(SerialPortLife, NumberReusedByAnotherFile_IsNotReadByTheReceiveThatCloseE
             ::close(each[1]);
         }
     }
+}
+
+/// Keeps whoever waits on a descriptor inside for a while after its wait has ended, and then looks.
+class slowToLeave : public kit::systemCalls
+{
+  public:
+    explicit slowToLeave(std::string deviceName) : name(std::move(deviceName)) {}
+
+    int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals) override
+    {
+        int const result = systemCalls::ppoll(descriptors, count, limit, signals);
+        std::this_thread::sleep_for(milliseconds(50));
+        deviceWasOpen = kit::holdsOpen(name);
+        return result;
+    }
+
+    std::atomic<bool> deviceWasOpen{false};
+
+  private:
+    std::string const name;
+};
+
+TEST_F(SerialPortLife, Close_LeavesTheDescriptorOpenWhileAReceiveIsInside)
+{
+    slowToLeave system(line.name());
+    kit::systemReplaced const replaced(system);
+    ASSERT_EQ(port.open(), 0);
+    kit::callOnThread<kit::transfer> receiving([this] { return receive(); });
+    receiving.awaitAsleep();
+    EXPECT_EQ(port.close(), 0);
+    EXPECT_EQ(receiving.get().status, 0);
+    EXPECT_TRUE(system.deviceWasOpen) << "its number could have been another file's by then";
+    EXPECT_FALSE(kit::holdsOpen(line.name()));
 }
 
 TEST_F(SerialPortLife, Close_CutsABlockedSendOff)

@@ -74,6 +74,22 @@ TEST_F(SerialPortLine, CloseBehindALongMessage_WaitsAtMostTwoSeconds)
     EXPECT_LT(watch.elapsed_sec(), 10.0) << "the line needs a hundred seconds";
 }
 
+TEST_F(SerialPortLine, CloseOfADeviceThatIsGone_WaitsForNoLine)
+{
+    double quickest_sec = 10.0;
+    for (int times = 0; times < 3; ++times)
+    {
+        kit::serialPortOnLine own;
+        ASSERT_EQ(own.port.open(), 0);
+        EXPECT_EQ(own.send(bytes(1440, 0x55)).status, 0); // a second and a half
+        own.line.hangUp();
+        kit::stopwatch const watch;
+        EXPECT_EQ(own.port.close(), 0);
+        quickest_sec = std::min(quickest_sec, watch.elapsed_sec());
+    }
+    EXPECT_LT(quickest_sec, 0.75);
+}
+
 TEST_F(SerialPortLine, SenderThatWaitsForTheLine_IsCutOffByCloseInTheEnd)
 {
     ASSERT_EQ(port.setSpeed(10U), 0);

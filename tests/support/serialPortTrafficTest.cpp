@@ -254,7 +254,8 @@ TEST_F(SerialPortTraffic, SeveralSenders_NeverMixTheirBytes)
 
 TEST_F(SerialPortTraffic, SeveralSendersOnASlowLine_NeverMixTheirBytes)
 {
-    constexpr std::size_t length = 9000; // more than the driver holds, so that every sender has to wait in the middle
+    constexpr std::size_t length =
+        40000; // much more than the driver holds, so that every sender has to wait in the middle
     kit::callOnThread<int> first([this] { return send(bytes(length, 'a')).status; });
     kit::callOnThread<int> second([this] { return send(bytes(length, 'b')).status; });
     first.awaitAsleep();
