@@ -176,7 +176,7 @@ unsigned emulatedLine::driverCount() const
 
 bool emulatedLine::hasRoomToTell() const
 {
-    return driverCount() < READY_BELOW;
+    return driverCount() < std::min(READY_BELOW, traits.ring);
 }
 
 void emulatedLine::take(double at_sec, unsigned characters, std::uint8_t first)
