@@ -774,6 +774,8 @@ TEST_F(Tracker, FindByMessageId_GivesTheFirstPosition)
         EXPECT_EQ(tracker.findFirstEventByMessageId(7), 0);
         EXPECT_EQ(tracker.findFirstEventByMessageId(8), 1);
         EXPECT_EQ(tracker.findFirstEventByMessageId(9), -1);
+        EXPECT_EQ(tracker.findFirstEventByMessageId(0x0107), -1) << "all 16 bits count";
+        EXPECT_EQ(tracker.findFirstEventByMessageId(0x0008 + 0x8000), -1);
         return 0;
     });
 }
