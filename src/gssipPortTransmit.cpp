@@ -8,9 +8,7 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <iterator>
 #include <utility>
 
 using gssipInternal::fairSentry;
