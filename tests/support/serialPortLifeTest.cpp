@@ -278,8 +278,8 @@ TEST_F(SerialPortLife, Close_GrantsAFlowingSendTheTimeItNeeds)
         bytes all;
         for (bytes next{0}; all.size() < message.size() && !next.empty();)
         {
-            std::this_thread::sleep_for(milliseconds(20));
-            next = line.read(std::min<std::size_t>(2000, message.size() - all.size()), milliseconds(2000));
+            std::this_thread::sleep_for(milliseconds(5));
+            next = line.read(std::min<std::size_t>(5000, message.size() - all.size()), milliseconds(2000));
             all.insert(all.end(), next.begin(), next.end());
         }
         return all;
@@ -370,7 +370,7 @@ TEST_F(SerialPortLife, InterruptReceive_LosesNoByte)
         while (!stop)
         {
             port.interruptReceive();
-            std::this_thread::sleep_for(std::chrono::microseconds(100));
+            std::this_thread::sleep_for(milliseconds(2));
         }
         return true;
     });
@@ -383,12 +383,13 @@ TEST_F(SerialPortLife, InterruptReceive_LosesNoByte)
         return true;
     });
     bytes all;
-    EXPECT_TRUE(kit::waitUntil([&] {
+    kit::stopwatch const watch;
+    while (all.size() < sent.size() && watch.elapsed_sec() < 20.0)
+    {
         kit::transfer const next = receive();
         EXPECT_EQ(next.status, 0);
         all.insert(all.end(), next.data.begin(), next.data.end());
-        return all.size() >= sent.size();
-    }));
+    }
     stop = true;
     EXPECT_EQ(all, sent);
 }
