@@ -1,6 +1,7 @@
 #include "gssipReceive.h"
 
 #include "blockedSignals.h"
+#include "callerCount.h"
 #include "discardLog.h"
 #include "gssipPort.h"
 #include "littleEndian.h"
@@ -30,7 +31,7 @@ std::size_t frameBytes(std::size_t dataWords)
 
 } // namespace
 
-/// What is not part of the receiver's face: its log lines, and its place in `frameBuffer`.
+/// What is not part of the receiver's face: its callers, its log lines, and its place in `frameBuffer`.
 ///
 /// While frames are taken off, the place moves and the bytes stay; they are erased in one go before `frameMutex` is
 /// released, so that the front of the buffer is the next byte for everyone else.
@@ -65,6 +66,7 @@ class gssipReceive::framing
         return static_cast<std::uint16_t>(sum) == 0;
     }
 
+    gssipInternal::callerCount callers; ///< of `operator()`
     std::string const readError;
     std::string const headerError;
 
@@ -104,6 +106,7 @@ gssipReceive::gssipReceive(gssipPort& owningPort, asciiLogInterface* logToUse)
 gssipReceive::~gssipReceive()
 {
     endThreads();
+    own->callers.awaitNone(); // the queue has let them go; they must be out before it goes itself
 }
 
 int gssipReceive::operator()(gssipMessage& message)
@@ -114,6 +117,7 @@ int gssipReceive::operator()(gssipMessage& message)
 
 int gssipReceive::take(gssipMessage& message, std::uint64_t& arrival)
 {
+    gssipInternal::callerCount::caller const inside(own->callers);
     return rxQueue.pop_wait(message, arrival) ? 0 : -1;
 }
 

@@ -27,8 +27,8 @@ class gssipPort;
 /// The application's clock and log are used on both threads; the log, and the clock on the processing thread, with
 /// `frameMutex` held. What they throw there costs the frame or the line at hand.
 ///
-/// A call of `operator()` may wait while another thread ends the receiver; it then returns -1. Whoever destroys the
-/// object sees to it that no such call is left inside.
+/// A call of `operator()` may wait while another thread destroys the receiver; it then returns -1, and the destructor
+/// waits until it has.
 class GSSIP_EXPORT gssipReceive
 {
   public:
@@ -42,7 +42,7 @@ class GSSIP_EXPORT gssipReceive
     /// Starts both threads. Throws `std::system_error` when one cannot be created; none is left then.
     gssipReceive(gssipPort& port, asciiLogInterface* log);
 
-    /// Ends both threads. Messages not taken are lost.
+    /// Ends both threads and lets the callers of `operator()` go. Messages not taken are lost.
     ~gssipReceive();
 
     gssipReceive(gssipReceive const&) = delete;

@@ -1,3 +1,4 @@
+#include "callOnThread.h"
 #include "frames.h"
 #include "portOnLine.h"
 #include "processState.h"
@@ -599,6 +600,21 @@ TEST(ReceiverEnd, PortStops_CallerInsideGetsMinusOne)
     EXPECT_TRUE(at.port.stop());
     ASSERT_EQ(taking.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(taking.get(), -1);
+}
+
+TEST(ReceiverEnd, Destroy_CallerInsideGetsMinusOneAndIsWaitedFor)
+{
+    kit::portOnLine<> at;
+    ASSERT_EQ(at.port.serial.open(), 0);
+    for (int round = 0; round < 30; ++round)
+    {
+        auto receiver = std::make_unique<kit::exposedReceive>(at.port, &at.log);
+        gssipMessage message;
+        kit::callOnThread<int> taking([&, inside = receiver.get()] { return (*inside)(message); });
+        taking.awaitAsleep();
+        receiver.reset();
+        ASSERT_EQ(taking.get(), -1);
+    }
 }
 
 TEST(ReceiverEnd, NullLog_LinesAreDropped)
