@@ -1,12 +1,13 @@
 // Call-backs that throw, and call-backs that call back, on every thread that makes them.
 
+#include "awaitOnLine.h"
 #include "checkpoint.h"
 #include "frames.h"
 #include "messages.h"
 #include "portOnLine.h"
 #include "processState.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <ctime>
@@ -24,8 +25,6 @@ using kit::exposedPort;
 using kit::frame;
 using kit::frameWithBadHeader;
 using kit::message;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 constexpr std::uint16_t REQUEST = gssipMessage::ACK_REQ_FLAG;
 constexpr std::uint16_t NAK = gssipMessage::REPLY_FLAG | gssipMessage::NAK_FLAG;
@@ -147,6 +146,7 @@ struct rig
 /// A place on a thread of the port where the application is called, and what brings that about once.
 struct occasion
 {
+    char const* name;
     char const* place;
     std::function<void(rig&)> bringAbout;
 };
@@ -158,14 +158,14 @@ void sendRequest(rig& subject)
 }
 
 std::vector<occasion> const occasions{
-    {"clock@GP TX", [](rig& subject) { subject.port.sendMessage(message(1), false); }},
-    {"timeout@GP TX", sendRequest},
-    {"clock@gssipSendAckReq", sendRequest},
-    {"resend@gssipSendAckReq", sendRequest},
-    {"timeout@gssipSendAckReq", sendRequest},
-    {"clock@receiver", [](rig& subject) { subject.line.write(frame(1, 0, {1})); }},
-    {"clock@receiver", [](rig& subject) { subject.line.write(frameWithBadHeader(1, 0)); }},
-    {"log@receiver", [](rig& subject) { subject.line.write(frameWithBadHeader(1, 0)); }},
+    {"StampOfAMessageSent", "clock@GP TX", [](rig& subject) { subject.port.sendMessage(message(1), false); }},
+    {"TimeoutAtTheRegistration", "timeout@GP TX", sendRequest},
+    {"ClockAtTheDeadline", "clock@gssipSendAckReq", sendRequest},
+    {"Resend", "resend@gssipSendAckReq", sendRequest},
+    {"TimeoutAfterTheResend", "timeout@gssipSendAckReq", sendRequest},
+    {"StampOfAMessageReceived", "clock@receiver", [](rig& subject) { subject.line.write(frame(1, 0, {1})); }},
+    {"ClockAtABadHeader", "clock@receiver", [](rig& subject) { subject.line.write(frameWithBadHeader(1, 0)); }},
+    {"LogOfABadHeader", "log@receiver", [](rig& subject) { subject.line.write(frameWithBadHeader(1, 0)); }},
 };
 
 class EveryOccasion : public testing::TestWithParam<occasion>
@@ -192,7 +192,7 @@ class EveryOccasion : public testing::TestWithParam<occasion>
         subject.port.signalPortReady();
         subject.port.setAcknowledgeTimeout_sec(0.01);
         subject.port.sendMessage(message(11, REQUEST), true);
-        EXPECT_EQ(subject.line.read(20), kit::operator+(frame(11, REQUEST), frame(11, REQUEST)));
+        EXPECT_TRUE(kit::awaitOnLine(subject.line, frame(11, REQUEST), 2));
         subject.line.write(frame(12, 0));
         gssipMessage received;
         EXPECT_EQ(subject.port.getMessage(received, true), 0);
@@ -204,19 +204,17 @@ class EveryOccasion : public testing::TestWithParam<occasion>
 };
 
 INSTANTIATE_TEST_SUITE_P(Threads, EveryOccasion, testing::ValuesIn(occasions),
-                         [](testing::TestParamInfo<occasion> const& each) {
-                             return "Number" + std::to_string(each.index);
-                         });
+                         [](testing::TestParamInfo<occasion> const& each) { return std::string(each.param.name); });
 
 /// Thrown every time; the same step is not tried again, so it is called once.
 TEST_P(EveryOccasion, CallbackThatThrows_CostsOneMessageAndNothingElse)
 {
     bringAbout([] { throw std::runtime_error("from a call-back"); });
     EXPECT_EQ(subject.app.calls, 1);
-    {
+    EXPECT_TRUE(kit::waitUntil([&] {
         sentry const lock(subject.tracker().eventQMutex);
-        EXPECT_THAT(subject.tracker().eventQ, IsEmpty());
-    }
+        return subject.tracker().eventQ.empty();
+    }));
     subject.port.stop();
     subject.app.actAt("", {});
     ASSERT_TRUE(subject.port.start());

@@ -7,6 +7,7 @@
 #include "portOnLine.h"
 #include "processState.h"
 #include "systemCalls.h"
+#include "threadCalls.h"
 
 #include <gmock/gmock.h>
 
@@ -25,6 +26,7 @@ using kit::frame;
 using kit::holdingTime;
 using kit::message;
 using kit::portOnLine;
+using kit::operator+;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -242,6 +244,32 @@ TEST(StaleAck, ReceivedWhileTheMessageWaitsForItsTurnTakenAfter_SettlesNothing)
     rig.receiveAll();
     rig.register_();
     rig.expectPending(5);
+}
+
+/// Its number counts from the start before this one, and says nothing about the present message.
+TEST(StaleAck, LeftOverFromBeforeARestart_SettlesNothing)
+{
+    constexpr std::uint16_t HANDSHAKE = gssipMessage::HANDSHAKE_FLAG;
+    slowWriter rig;
+    rig.line.write(frame(1, HANDSHAKE) + frame(2, HANDSHAKE) + frame(5, ACK));
+    ASSERT_TRUE(rig.waitForReceived(3));
+    auto* const queueMutex = rig.receiver().rxQueue.queueMutex.native_handle();
+    kit::pauseBeforeLock pause(
+        [=](pthread_mutex_t& mutex) { return &mutex == queueMutex && kit::isThread("consumer"); });
+    kit::threadCallsReplaced const replaced(pause);
+    callOnThread<int> consumer([&] {
+        pthread_setname_np(pthread_self(), "consumer");
+        gssipMessage received;
+        return rig.port.getMessage(received, true);
+    });
+    pause.place.awaitArrival(); // with the queue that is about to be replaced
+    ASSERT_TRUE(rig.port.stop());
+    ASSERT_TRUE(rig.port.start());
+    rig.writeRequest(5);
+    pause.place.letGo();
+    EXPECT_EQ(consumer.get(), -1);
+    rig.clock.place.letGo();
+    EXPECT_TRUE(rig.waitForPending(1));
 }
 
 TEST(StaleNak, ReceivedBeforeTheMessageTakenAfter_ResendsNothing)

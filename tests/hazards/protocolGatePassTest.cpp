@@ -133,6 +133,7 @@ int answerAll(exposedPort& port)
 }
 
 constexpr double HANDSHAKE_SEC = 0.3;
+constexpr double STALL_SEC = 0.25;
 constexpr int ROUND_TRIPS = 1000;
 constexpr int MOST_STALLS = ROUND_TRIPS * 2 / 100;
 
@@ -162,7 +163,7 @@ std::string faultOfRoundTrips()
         {
             return "a message is missing";
         }
-        stalls += watch.elapsed_sec() > 0.05 ? 1 : 0;
+        stalls += watch.elapsed_sec() > STALL_SEC ? 1 : 0;
     }
     far.port.stop();
     answering.get();

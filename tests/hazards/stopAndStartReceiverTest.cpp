@@ -190,6 +190,21 @@ class creatorGoesFirst : public kit::threadCalls
     };
 };
 
+/// The reading thread runs before its creator goes on, and everything else long after.
+class readerGoesFirst : public creatorGoesFirst
+{
+  public:
+    int create(pthread_t& thread, pthread_attr_t const* attributes, kit::threadEntry entry, void* argument) override
+    {
+        return isFirst.exchange(false) ? eager.create(thread, attributes, entry, argument)
+                                       : creatorGoesFirst::create(thread, attributes, entry, argument);
+    }
+
+  private:
+    creatorGoesLast eager;
+    std::atomic<bool> isFirst{true};
+};
+
 template <typename Order>
 void expectMessageThatWaitedOnTheLine()
 {
@@ -213,6 +228,11 @@ TEST(ReceiverBeingBuilt, ThreadsThatRunBeforeTheirCreatorGoesOn_ForgetNothing)
 TEST(ReceiverBeingBuilt, ThreadsThatRunLongAfter_ForgetNothing)
 {
     expectMessageThatWaitedOnTheLine<creatorGoesFirst>();
+}
+
+TEST(ReceiverBeingBuilt, ReaderThatRunsLongBeforeTheOthers_ForgetsNothing)
+{
+    expectMessageThatWaitedOnTheLine<readerGoesFirst>();
 }
 
 TEST(ReceiverBeingBuilt, MessageAtAnyMomentOfARestart_IsReceived)

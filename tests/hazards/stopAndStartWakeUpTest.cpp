@@ -41,6 +41,14 @@ auto stopAround(kit::checkpoint& place, Stop const& stop)
 
 // --- The transmit thread
 
+/// Starts the port and waits until its transmit thread sleeps on the empty queue.
+void startToSleep(portOnLine<>& rig)
+{
+    kit::threadWatch const watch;
+    ASSERT_TRUE(rig.port.start());
+    ASSERT_TRUE(kit::waitUntilAsleep(watch.idOf("GP TX")));
+}
+
 TEST(StopOfTheTransmitThread, ClosedGateAndEmptyQueue_Ends)
 {
     for (int round = 0; round < 20; ++round)
@@ -81,7 +89,7 @@ TEST(StopOfTheTransmitThread, AboutToSleepInTheGate_Ends)
 {
     portOnLine<> rig;
     rig.port.setHandshakeTimeout_sec(WITHOUT_LIMIT);
-    ASSERT_TRUE(rig.port.start());
+    startToSleep(rig);
     pauseBeforeWait pause([&](pthread_cond_t& condition) { return &condition == &rig.port.readyCond; });
     threadCallsReplaced const replaced(pause);
     rig.port.resetPortReady();
@@ -94,7 +102,7 @@ TEST(StopOfTheTransmitThread, ShutGateAfterTheStopHasOpenedIt_Ends)
 {
     portOnLine<> rig;
     rig.port.setHandshakeTimeout_sec(WITHOUT_LIMIT);
-    ASSERT_TRUE(rig.port.start());
+    startToSleep(rig);
     pauseBeforeLock pause(
         [&](pthread_mutex_t& mutex) { return &mutex == &rig.port.readyMutex && kit::isThread("GP TX"); });
     threadCallsReplaced const replaced(pause);
@@ -111,7 +119,7 @@ TEST(StopOfTheTransmitThread, ShutGateAfterTheStopHasOpenedIt_Ends)
 TEST(StopOfTheTransmitThread, BetweenGateAndQueue_Ends)
 {
     portOnLine<> rig;
-    ASSERT_TRUE(rig.port.start());
+    startToSleep(rig);
     pauseBeforeLock pause(
         [&](pthread_mutex_t& mutex) { return &mutex == &rig.port.txMutex && kit::isThread("GP TX"); });
     threadCallsReplaced const replaced(pause);
@@ -208,15 +216,51 @@ TEST(StopOfTheReceiver, ConsumerAboutToSleep_IsReleased)
     EXPECT_EQ(consumer.get(), -1);
 }
 
+/// The last empty read, which the close brings about, has woken it; it is about to sleep again, and nobody reads any
+/// more.
 TEST(StopOfTheReceiver, ProcessingThreadAboutToSleep_Ends)
 {
     portOnLine<> rig;
+    kit::threadWatch const watch;
     ASSERT_TRUE(rig.port.start());
-    auto& arrival = rig.receiver().frameCondition;
-    pauseBeforeWait pause([&](pthread_cond_t& condition) { return &condition == arrival.native_handle(); });
-    threadCallsReplaced const replaced(pause);
-    rig.line.write({0x00}); // framed to nothing, and the thread goes back to sleep
-    EXPECT_TRUE(stopAround(pause.place, [&] { return rig.port.stop(); }));
+    for (kit::threadState const& thread : watch.added())
+    {
+        ASSERT_TRUE(kit::waitUntilAsleep(thread.id));
+    }
+    struct : kit::threadCalls
+    {
+        void beforeLock(pthread_mutex_t& /*mutex*/) override
+        {
+            if (!port->serial.isOpen() && kit::isThread("stopper"))
+            {
+                afterClose.pass();
+            }
+        }
+        void beforeWait(pthread_cond_t& condition) override
+        {
+            if (!port->serial.isOpen() && &condition == arrival)
+            {
+                beforeSleep.pass();
+            }
+        }
+        exposedPort* port = nullptr;
+        pthread_cond_t* arrival = nullptr;
+        kit::checkpoint afterClose;
+        kit::checkpoint beforeSleep;
+    } pauses;
+    pauses.port = &rig.port;
+    pauses.arrival = rig.receiver().frameCondition.native_handle();
+    threadCallsReplaced const replaced(pauses);
+    callOnThread<bool> stopping([&] {
+        pthread_setname_np(pthread_self(), "stopper");
+        return rig.port.stop();
+    });
+    pauses.afterClose.awaitArrival();
+    pauses.beforeSleep.awaitArrival();
+    pauses.afterClose.letGo();
+    stopping.awaitAsleep();
+    pauses.beforeSleep.letGo();
+    EXPECT_TRUE(stopping.get());
 }
 
 TEST(StopOfTheReceiver, SeveralConsumers_AreAllReleased)
