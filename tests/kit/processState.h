@@ -27,10 +27,16 @@ struct threadState
     std::uint64_t blockedSignals = 0; ///< bit n - 1 stands for signal n
 };
 
+/// Empty when the thread has gone, also when it goes just now: then the file can be opened, but not read.
 inline std::string taskFile(pid_t id, char const* file)
+try
 {
     std::ifstream stream("/proc/self/task/" + std::to_string(id) + "/" + file);
     return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+catch (std::ios_base::failure const&)
+{
+    return {};
 }
 
 /// The value behind `field` in a thread's status; empty when the thread has gone.
