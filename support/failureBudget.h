@@ -19,15 +19,19 @@ namespace gssipInternal
 class failureBudget
 {
   public:
-    /// How long to hold back the failure that happened now; it counts as reported at the end of that time.
-    std::int64_t pauseBefore_ns(std::int64_t now_ns) noexcept
+    /// How long to hold back a failure that happened now.
+    std::int64_t pauseBefore_ns(std::int64_t now_ns) const noexcept
     {
-        std::int64_t& oldest = reports[next];
-        std::int64_t const report_ns = std::max(now_ns + pause_ns, oldest + WINDOW_NS);
+        std::int64_t const oldest_ns = reports[next];
+        return std::max({pause_ns, oldest_ns + WINDOW_NS - now_ns, std::int64_t{0}});
+    }
+
+    /// A failure is reported now. One that is held back and then not reported costs nothing of the budget.
+    void reported(std::int64_t now_ns) noexcept
+    {
         pause_ns = std::clamp(2 * pause_ns, FIRST_PAUSE_NS, NS_PER_SEC);
-        oldest = report_ns;
+        reports[next] = now_ns;
         next = (next + 1) % reports.size();
-        return report_ns - now_ns;
     }
 
     /// Something succeeded: the next failure is a first one again, within the budget.

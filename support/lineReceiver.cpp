@@ -103,16 +103,10 @@ int lineReceiver::readSome(int descriptor, lineSettings const& limits, unsigned 
 lineReceiver::afterFailure lineReceiver::holdBack(std::uint64_t generation)
 {
     std::int64_t const now_ns = monotonicNow_ns();
-    std::int64_t pause_ns = 0;
-    {
-        std::lock_guard<std::mutex> const lock(failureMutex);
-        pause_ns = failures.pauseBefore_ns(now_ns);
-    }
-    if (pause_ns == 0)
-    {
-        return afterFailure::report;
-    }
-    switch (device.pause(generation, now_ns + pause_ns))
+    std::int64_t const pause_ns = pauseBefore_ns(now_ns);
+    wakeableDescriptor::ending const end =
+        pause_ns == 0 ? wakeableDescriptor::ending::timeout : device.pause(generation, now_ns + pause_ns);
+    switch (end)
     {
     case wakeableDescriptor::ending::reopened:
         return afterFailure::retry;
@@ -120,8 +114,21 @@ lineReceiver::afterFailure lineReceiver::holdBack(std::uint64_t generation)
     case wakeableDescriptor::ending::interrupted:
         return afterFailure::leave;
     default:
+        countReport();
         return afterFailure::report;
     }
+}
+
+std::int64_t lineReceiver::pauseBefore_ns(std::int64_t now_ns)
+{
+    std::lock_guard<std::mutex> const lock(failureMutex);
+    return failures.pauseBefore_ns(now_ns);
+}
+
+void lineReceiver::countReport()
+{
+    std::lock_guard<std::mutex> const lock(failureMutex);
+    failures.reported(monotonicNow_ns());
 }
 
 } // namespace gssipInternal

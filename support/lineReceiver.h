@@ -33,6 +33,8 @@ class lineReceiver
                         unsigned& received);
     static bool isGone(int descriptor, lineSettings const& limits);
     afterFailure holdBack(std::uint64_t generation);
+    std::int64_t pauseBefore_ns(std::int64_t now_ns);
+    void countReport();
 
     wakeableDescriptor& device;     // safe by itself
     sharedSettings const& settings; // safe by itself

@@ -156,6 +156,7 @@ std::vector<std::int64_t> pausesOf(failureBudget& budget, std::size_t count, std
     for (std::size_t each = 0; each < count; ++each)
     {
         pauses.push_back(budget.pauseBefore_ns(now_ns));
+        budget.reported(now_ns + pauses.back());
         now_ns += pauses.back();
     }
     return pauses;
@@ -214,6 +215,17 @@ TEST(FailureBudget, FailureAfterALongTimeWithoutSuccess_StillPauses)
     EXPECT_EQ(budget.pauseBefore_ns(now_ns + 60 * NS_PER_SEC), NS_PER_SEC);
 }
 
+TEST(FailureBudget, FailuresThatAreNotReported_CostNothing)
+{
+    failureBudget budget;
+    budget.reported(START_NS);
+    std::int64_t const pause_ns = budget.pauseBefore_ns(START_NS);
+    for (int each = 0; each < 1000; ++each)
+    {
+        EXPECT_EQ(budget.pauseBefore_ns(START_NS), pause_ns);
+    }
+}
+
 TEST(FailureBudget, SuccessAfterEachFailure_DoesNotRefillTheBudget)
 {
     failureBudget budget;
@@ -222,6 +234,7 @@ TEST(FailureBudget, SuccessAfterEachFailure_DoesNotRefillTheBudget)
     for (int each = 0; each < 100; ++each)
     {
         now_ns += budget.pauseBefore_ns(now_ns);
+        budget.reported(now_ns);
         reports.push_back(now_ns);
         budget.succeeded();
     }
@@ -245,6 +258,7 @@ TEST(FailureBudget, RandomFailuresAndSuccesses_StayWithinTheBudget)
         std::int64_t const pause_ns = budget.pauseBefore_ns(now_ns);
         ASSERT_GE(pause_ns, 0);
         now_ns += pause_ns;
+        budget.reported(now_ns);
         reports.push_back(now_ns);
         if (succeeds(random))
         {

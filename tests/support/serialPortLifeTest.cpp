@@ -505,6 +505,27 @@ TEST_F(SerialPortLife, CloseOfABlockedLine_DropsWhatTheDriverHolds)
     EXPECT_EQ(port.open(), 0) << "nothing may be left to wait for";
 }
 
+TEST_F(SerialPortLife, FailureAfterManyReopenings_IsHeldBackNoLongerThanAnyOther)
+{
+    std::atomic<bool> stop{false};
+    kit::callOnThread<int> failing([&] {
+        int last = 0;
+        while (!stop || last != EBADF)
+        {
+            last = receive().status; // each close lets it fail, and each open ends its pause
+        }
+        return last;
+    });
+    for (int each = 0; each < 1000; ++each)
+    {
+        ASSERT_EQ(port.open(), 0);
+        ASSERT_EQ(port.close(), 0);
+    }
+    stop = true;
+    EXPECT_TRUE(failing.endsWithin(std::chrono::seconds(10)));
+    EXPECT_EQ(failing.get(), EBADF);
+}
+
 TEST_F(SerialPortLife, OpenAndCloseOfSeveralThreads_AreServedInTurn)
 {
     std::atomic<bool> stop{false};
