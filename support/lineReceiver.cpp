@@ -67,9 +67,10 @@ int lineReceiver::readAsLimited(wakeableDescriptor::use& use, lineSettings const
     int status = 0;
     do
     {
-        if (use.wait(POLLIN, readDeadline_ns(limits, received)) != wakeableDescriptor::ending::ready)
+        wakeableDescriptor::ending const end = use.wait(POLLIN, readDeadline_ns(limits, received));
+        if (end != wakeableDescriptor::ending::ready)
         {
-            return 0;
+            return end == wakeableDescriptor::ending::failed ? EIO : 0;
         }
         status = readSome(use.descriptor(), limits, buffer, capacity, received);
     } while (status == 0 && received < wanted);

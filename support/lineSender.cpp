@@ -75,7 +75,8 @@ int lineSender::keepDistance(wakeableDescriptor::use& use)
     if (status == 0)
     {
         line.holds(monotonicNow_ns(), terminal::queuedOutput(use.descriptor()), settingsInForce.byteTime_ns());
-        status = sleepUntil(use, line.earliestNext_ns(gap_ns));
+        // No longer than a line may stand: what cannot be written then, the driver will tell.
+        status = sleepUntil(use, std::min(line.earliestNext_ns(gap_ns), monotonicNow_ns() + BLOCKED_AFTER_NS));
     }
     return status;
 }
@@ -141,6 +142,10 @@ int lineSender::waitForRoom(wakeableDescriptor::use& use, std::int64_t& progress
     if (end == wakeableDescriptor::ending::closed)
     {
         return EBADF;
+    }
+    if (end == wakeableDescriptor::ending::failed)
+    {
+        return EIO;
     }
     if (monotonicNow_ns() < deadline_ns)
     {

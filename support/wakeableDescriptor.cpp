@@ -105,7 +105,7 @@ std::optional<wakeableDescriptor::ending> wakeableDescriptor::use::waitOnce(shor
     }
     if (count < 0)
     {
-        return ending::ready; // what is wrong, the read or write will tell
+        return ending::failed;
     }
     if (polled[1].revents != 0)
     {

@@ -26,7 +26,8 @@ class wakeableDescriptor
         timeout,     ///< the deadline
         interrupted, ///< `interruptReader`
         reopened,    ///< the descriptor was opened (in `pause` only)
-        closed       ///< the descriptor is being closed
+        closed,      ///< the descriptor is being closed
+        failed       ///< the system could not wait
     };
 
     /// Keeps the descriptor open while it exists. Tells false when it is closed or being closed.
