@@ -154,6 +154,19 @@ TEST(DeviceLine, LineThatStands_TimesOutWithTheNumberWritten)
     EXPECT_GE(watch.elapsed_sec(), 2.0);
 }
 
+/// At the new speed what the driver holds would need a minute and a half, if it moved.
+TEST(DeviceLine, MessageBehindALineThatStands_WaitsNoLongerThanALineMayStand)
+{
+    lineTraits traits = lineAt(115200);
+    traits.startsHeld = true;
+    deviceOnLine device(traits, 115200);
+    ASSERT_EQ(device.send(bytes(3000, 0x55)).status, 0);
+    ASSERT_EQ(device.port.setSpeed(300U), 0);
+    kit::callOnThread<kit::transfer> sending([&] { return device.send(bytes(10, 0x66)); });
+    EXPECT_TRUE(sending.endsWithin(std::chrono::seconds(20)));
+    EXPECT_EQ(sending.get().status, 0) << "the driver has room for it";
+}
+
 TEST(DeviceLine, LineThatStandsForAWhile_LosesNothing)
 {
     EXPECT_EQ(kit::whatIsWrongEveryTime([] {

@@ -215,6 +215,36 @@ TEST_F(SerialPortLife, NumberReusedByAnotherFile_IsNotReadByTheReceiveThatCloseE
     }
 }
 
+/// A system that has no memory for waiting, once that is asked of it.
+class unableToWait : public kit::systemCalls
+{
+  public:
+    int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals) override
+    {
+        if (fails)
+        {
+            errno = ENOMEM;
+            return -1;
+        }
+        return systemCalls::ppoll(descriptors, count, limit, signals);
+    }
+
+    std::atomic<bool> fails{false};
+};
+
+TEST_F(SerialPortLife, WaitThatFails_IsAnErrorAndDoesNotHoldUpClose)
+{
+    unableToWait system;
+    kit::systemReplaced const replaced(system);
+    ASSERT_EQ(port.open(), 0);
+    system.fails = true;
+    EXPECT_EQ(receive().status, EIO);
+    kit::callOnThread<kit::transfer> heldBack([this] { return receive(); });
+    heldBack.awaitAsleep();
+    EXPECT_EQ(port.close(), 0);
+    EXPECT_TRUE(heldBack.endsWithin(std::chrono::seconds(10)));
+}
+
 /// Keeps whoever waits on a descriptor inside for a while after its wait has ended, and then looks.
 class slowToLeave : public kit::systemCalls
 {
