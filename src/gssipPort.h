@@ -182,7 +182,9 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     int waitForGate(double timeout_sec);
     int writeFrame(gssipMessage& message, std::function<void()> const& beforeFirstByte);
     int writeImage(gssipMessage const& message, std::function<void()> const& beforeFirstByte);
-    int writeTracked(gssipMessage& message);
+    int writeTracked(gssipMessage& message, bool& offered);
+    int writeUntracked(gssipMessage& message, bool& offered);
+    void putBack(gssipMessage& message, bool trackAck);
 
     int deliver(gssipMessage const& message);
     bool acknowledgeAndTrack(gssipMessage const& message, std::uint64_t arrival, int& status, bool& handled);

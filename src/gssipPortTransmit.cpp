@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <utility>
 
 using gssipInternal::fairSentry;
@@ -164,18 +165,21 @@ int gssipPort::writeImage(gssipMessage const& message, std::function<void()> con
 
 /// Writes a message that is to be tracked, and registers it. Its acknowledgement may come at any moment from the first
 /// byte on, before there is an event that it could match.
-int gssipPort::writeTracked(gssipMessage& message)
+int gssipPort::writeTracked(gssipMessage& message, bool& offered)
 {
-    if (!message.isAckReqFlagSet())
-    {
-        int const status = _gssipSend(message);
-        return status == 0 ? sendAckReq.processSendAckRequest(message) : status;
-    }
     announced const announcement(sendAckReq, message);
     std::shared_ptr<gssipReceive> const source = currentReceiver();
-    int const status =
-        writeFrame(message, [&] { sendAckReq.announcedIsOnItsWay(source == nullptr ? 0 : source->rxQueue.pushed()); });
+    auto const onItsWay = [&] {
+        offered = true;
+        sendAckReq.announcedIsOnItsWay(source == nullptr ? 0 : source->rxQueue.pushed());
+    };
+    int const status = writeFrame(message, std::ref(onItsWay));
     return status == 0 ? sendAckReq.registerMessage(message, true) : status;
+}
+
+int gssipPort::writeUntracked(gssipMessage& message, bool& offered)
+{
+    return writeFrame(message, [&offered] { offered = true; });
 }
 
 void* gssipPort::callTransmitThread(void* port)
@@ -213,7 +217,21 @@ int gssipPort::transmitNext(gssipMessage& message, int previousStatus)
     {
         return previousStatus;
     }
-    return trackAck ? writeTracked(message) : _gssipSend(message);
+    bool offered = false; // to the device
+    int const status =
+        trackAck && message.isAckReqFlagSet() ? writeTracked(message, offered) : writeUntracked(message, offered);
+    if (!offered && own->transmit.stopRequested())
+    {
+        putBack(message, trackAck);
+    }
+    return status;
+}
+
+/// The port was stopped between the taking and the writing: the message is still one of those that wait.
+void gssipPort::putBack(gssipMessage& message, bool trackAck)
+{
+    queueAccess const access(*this);
+    txQueue.emplace_front(std::move(message), trackAck);
 }
 
 /// Waits at most once: then the cycle starts anew, with the request to stop and with the gate.

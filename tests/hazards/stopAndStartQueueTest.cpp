@@ -123,9 +123,9 @@ std::vector<std::uint16_t> idsUpTo(kit::pseudoTerminal& line, std::uint16_t end)
     return ids;
 }
 
-/// Each stop falls somewhere into the traffic. It may cost the one message that has left the queue and not yet reached
-/// the device, and no other; none goes out twice or out of order.
-TEST(FullQueueAtStop, ManyRestarts_CostNoMoreThanTheMessageInHand)
+/// Each stop falls somewhere into the traffic, also between the taking of a message and its writing. None is lost, none
+/// goes out twice or out of order.
+TEST(FullQueueAtStop, ManyRestarts_WriteEveryMessageOnce)
 {
     constexpr std::uint16_t last = 20000;
     portOnLine<> rig;
@@ -143,7 +143,7 @@ TEST(FullQueueAtStop, ManyRestarts_CostNoMoreThanTheMessageInHand)
     rig.port.sendMessage(message(last + 1), false);
     std::vector<std::uint16_t> const ids = peer.get(std::chrono::seconds(20));
     EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end(), std::greater_equal<>()), ids.end());
-    EXPECT_GE(ids.size() + restarts, std::size_t{last} + 1);
+    EXPECT_EQ(ids.size(), std::size_t{last} + 1);
     EXPECT_EQ(ids.back(), last + 1);
     EXPECT_GT(restarts, 1U);
 }
