@@ -13,8 +13,9 @@
  * and framing are one step; fair locks are plain mutexes, which allows more orders; any pending event may be the front
  * of the queue; time is an order of steps: on the lossy line a time-out may come at any moment, on the perfect line
  * only when nothing is on its way any more, that is, when no answer can come. Whether the line is perfect or loses,
- * damages and duplicates is chosen first. The peer also sends a request of its own, which is acknowledged and shuts
- * the gate, and an answer to something earlier.
+ * damages and duplicates is chosen first. At any moment the peer sends one thing unasked: a request of its own,
+ * which is acknowledged and shuts the gate, or an answer, which is one to something earlier or a duplicate (of the
+ * answer, or of the message).
  *
  * Properties: a message is written at most twice, on the perfect line once; what settles an announced message has been
  * received after the device was offered its first byte; a thread that waits in the gate when it is opened passes; a
@@ -405,8 +406,10 @@ end_quiet:
         surprises--;
         if
         :: receive(request, 0)
-        :: receive(ack, 0) /* to something earlier, or once more */
-        :: !perfect -> receive(nak, 0)
+        :: receive(ack, id[0]) /* to something earlier, or once more */
+        :: receive(ack, id[1])
+        :: !perfect -> receive(nak, id[0])
+        :: !perfect -> receive(nak, id[1])
         fi
     }
     od
