@@ -38,7 +38,7 @@ std::chrono::seconds const fiftyYears(50LL * 365 * 24 * 3600);
 class SteppedClock : public testing::TestWithParam<std::chrono::seconds>
 {
   protected:
-    kit::unsteppedAgain const atTheEnd;
+    kit::unsteppedAgain const atTheEnd{};
 };
 
 INSTANTIATE_TEST_SUITE_P(Steps, SteppedClock, testing::Values(-anHour, anHour, fiftyYears),
