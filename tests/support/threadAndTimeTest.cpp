@@ -111,7 +111,7 @@ class mutexUnderTest
         return true;
     }
 
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex{};
 };
 
 TEST(Sentry, Lifetime_IsTheTimeThatTheMutexIsHeld)
