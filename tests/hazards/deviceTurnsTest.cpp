@@ -1,6 +1,7 @@
 // Who writes when: replies, resends and acknowledgements beside a queue that is full, on a line that takes its time.
 
 #include "callOnThread.h"
+#include "checkpoint.h"
 #include "emulatedLine.h"
 #include "farEnd.h"
 #include "frames.h"
@@ -15,7 +16,6 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sched.h>
 #include <thread>
 
 namespace
@@ -149,107 +149,113 @@ TEST(DeviceTurns, LineThatStands_LetsWriterAndTrackerGo)
     EXPECT_TRUE(rig.events().empty());
 }
 
-/// A driver that keeps each writer busy, so that another comes to wait.
-class slowDriver : public kit::systemCalls
+/// A driver that takes its time over each marked message, and counts those that go before a latecomer's.
+class watchedDriver : public kit::systemCalls
 {
   public:
+    static constexpr std::size_t MARK = 10;
+    static inline thread_local bool isLatecomer = false;
+
     ssize_t write(int descriptor, void const* data, std::size_t count) override
     {
         if (count == MARK)
         {
+            isLatecomer ? passLatecomer() : passBusyWriter();
             std::this_thread::sleep_for(std::chrono::microseconds(300));
         }
         return systemCalls::write(descriptor, data, count);
     }
 
-    static constexpr std::size_t MARK = 10;
+    /// Holds the next busy writer, with every lock that it has; counting begins with the one after it.
+    void holdNext(kit::checkpoint& atPlace)
+    {
+        written = 0;
+        place = &atPlace;
+    }
+
+    std::atomic<std::size_t> beforeLatecomer{0};
+
+  private:
+    void passLatecomer() { beforeLatecomer = written.load(); }
+
+    void passBusyWriter()
+    {
+        if (kit::checkpoint* const held = place.exchange(nullptr); held != nullptr)
+        {
+            written = 0;
+            held->pass();
+        }
+        else
+        {
+            ++written;
+        }
+    }
+
+    std::atomic<std::size_t> written{0};
+    std::atomic<kit::checkpoint*> place{nullptr};
 };
 
-/// Puts the calling thread on one processor together with the others that call this.
-void shareOneProcessor()
-{
-    cpu_set_t allowed;
-    CPU_ZERO(&allowed);
-    ASSERT_EQ(pthread_getaffinity_np(pthread_self(), sizeof allowed, &allowed), 0);
-    std::size_t first = 0;
-    while (!CPU_ISSET(first, &allowed))
-    {
-        ++first;
-    }
-    CPU_ZERO(&allowed);
-    CPU_SET(first, &allowed);
-    ASSERT_EQ(pthread_setaffinity_np(pthread_self(), sizeof allowed, &allowed), 0);
-}
-
-/// Lets every other thread go first.
-void becomeModest()
-{
-    sched_param const none{};
-    ASSERT_EQ(pthread_setschedparam(pthread_self(), SCHED_IDLE, &none), 0);
-}
-
-/// How many times another thread, which writes again and again, comes first while `write` waits for its turn. The other
-/// never leaves the processor to the one that it has just woken, so that only a lock that is handed on helps.
+/// The most messages of a thread that writes again and again that go before the one of a thread that has been waiting
+/// for its turn since the message before them.
 template <typename Write>
-std::size_t timesOvertaken(Write const& write)
+std::size_t timesOvertaken(watchedDriver& driver, Write const& write)
 {
-    constexpr std::ptrdiff_t TIMES = 15;
     std::atomic<bool> stopped{false};
-    std::atomic<std::size_t> written{0};
-    std::thread busy([&] {
-        shareOneProcessor();
+    kit::callOnThread<int> busy([&] {
         while (!stopped)
         {
             write();
-            ++written;
         }
+        return 0;
     });
-    std::vector<std::size_t> overtaken;
-    std::thread modest([&] {
-        shareOneProcessor();
-        becomeModest();
-        while (overtaken.size() < std::size_t{TIMES})
-        {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1)); // so that the other is inside
-            std::size_t const before = written;
+    std::size_t most = 0;
+    for (int round = 0; round < 10; ++round)
+    {
+        kit::checkpoint held;
+        driver.holdNext(held);
+        held.awaitArrival();
+        kit::callOnThread<int> latecomer([&] {
+            watchedDriver::isLatecomer = true;
             write();
-            overtaken.push_back(written - before);
-        }
-    });
-    modest.join();
+            return 0;
+        });
+        latecomer.awaitAsleep();
+        held.letGo();
+        latecomer.get();
+        most = std::max<std::size_t>(most, driver.beforeLatecomer);
+    }
     stopped = true;
-    busy.join();
-    std::nth_element(overtaken.begin(), overtaken.begin() + TIMES / 2, overtaken.end());
-    return overtaken[std::size_t{TIMES / 2}];
+    busy.get();
+    return most;
 }
 
 TEST(DeviceTurns, WriterOnTheDevice_WaitsForOneMessageOnly)
 {
-    slowDriver driver;
+    watchedDriver driver;
     kit::systemReplaced const replaced(driver);
     kit::serialPortOnLine device;
     ASSERT_EQ(device.port.open(), 0);
     kit::farEnd const far(device.line);
-    bytes const data(slowDriver::MARK, 0x55);
-    EXPECT_LE(timesOvertaken([&] {
-                  unsigned sent = 0;
-                  EXPECT_EQ(device.port.send(data.data(), slowDriver::MARK, sent), 0);
-              }),
-              2U);
+    bytes const data(watchedDriver::MARK, 0x55);
+    std::size_t const most = timesOvertaken(driver, [&] {
+        unsigned sent = 0;
+        EXPECT_EQ(device.port.send(data.data(), watchedDriver::MARK, sent), 0);
+    });
+    EXPECT_EQ(most, 0U);
 }
 
 TEST(DeviceTurns, WriterOfAFrame_WaitsForOneMessageOnly)
 {
-    slowDriver driver;
+    watchedDriver driver;
     kit::systemReplaced const replaced(driver);
     kit::portOnLine<> rig;
     ASSERT_EQ(rig.port.serial.open(), 0);
     kit::farEnd const far(rig.line);
-    EXPECT_LE(timesOvertaken([&] {
-                  gssipMessage shortest = message(1);
-                  EXPECT_EQ(rig.port._gssipSend(shortest), 0);
-              }),
-              2U);
+    std::size_t const most = timesOvertaken(driver, [&] {
+        gssipMessage shortest = message(1);
+        EXPECT_EQ(rig.port._gssipSend(shortest), 0);
+    });
+    EXPECT_EQ(most, 0U);
 }
 
 /// Every event is overdue: without turns the event thread would resend them all before an acknowledgement counts.
