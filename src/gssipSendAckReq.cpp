@@ -67,8 +67,8 @@ struct gssipSendAckReq::privateState
     fate announced = fate::none; ///< of the message that is being written and not yet registered
     std::uint16_t announcedId = 0;
 
-    /// The number of the first message to be received after the driver took the announced message's first byte: what
-    /// came before cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
+    /// The number of the first message to be received after the driver was offered the announced message's first byte:
+    /// what came before cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
     std::atomic<std::uint64_t> firstPossibleAnswer{NOT_YET};
 };
 

@@ -100,7 +100,7 @@ class GSSIP_EXPORT gssipSendAckReq
     /// Tells that a message is about to be written, so that an acknowledgement that comes before the message is
     /// registered finds it. Ended by `registerMessage` or `endAnnouncement`.
     void announce(gssipMessage const& message);
-    /// The driver is about to take the announced message's first byte; so many messages have been received.
+    /// The driver is about to be offered the announced message's first byte; so many messages have been received.
     void announcedIsOnItsWay(std::uint64_t arrivals);
     void endAnnouncement();
     int registerMessage(gssipMessage const& message, bool wasAnnounced);
