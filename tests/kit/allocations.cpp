@@ -9,6 +9,7 @@ namespace
 {
 
 thread_local std::size_t made = 0;
+std::atomic<std::size_t> madeByAll{0};
 thread_local bool failureAhead = false;
 thread_local std::size_t successesLeft = 0;
 
@@ -43,6 +44,7 @@ void* allocate(std::size_t size)
         throw std::bad_alloc();
     }
     ++made;
+    ++madeByAll;
     return memory;
 }
 
@@ -84,6 +86,11 @@ namespace kit
 std::size_t allocationsMade()
 {
     return made;
+}
+
+std::size_t allocationsMadeByAll()
+{
+    return madeByAll;
 }
 
 oneFailingAllocation::oneFailingAllocation(std::size_t successes)

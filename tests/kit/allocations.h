@@ -13,6 +13,9 @@ namespace kit
 /// The number of allocations that the calling thread has made so far.
 std::size_t allocationsMade();
 
+/// The number that all threads together have made so far.
+std::size_t allocationsMadeByAll();
+
 /// While it lives, the calling thread's allocations succeed `successes` times; the next one throws `std::bad_alloc`,
 /// and those after it succeed again.
 class oneFailingAllocation
