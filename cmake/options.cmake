@@ -11,11 +11,18 @@ if(GSSIP_SANITIZE)
   target_link_options(gssip_options INTERFACE -fsanitize=${GSSIP_SANITIZE})
 endif()
 
+# Where time may have 32 or 64 bits it has 64, in the libraries and in whatever uses their headers.
+set(GSSIP_TIME_DEFINITIONS "")
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(GSSIP_TIME_DEFINITIONS _TIME_BITS=64 _FILE_OFFSET_BITS=64)
+endif()
+
 # One shared library, with the names and properties that both share.
 function(gssip_add_library name alias)
   add_library(${name} SHARED ${ARGN})
   add_library(gssip::${alias} ALIAS ${name})
   target_compile_features(${name} PUBLIC cxx_std_17)
+  target_compile_definitions(${name} PUBLIC ${GSSIP_TIME_DEFINITIONS})
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:gssip_options> Threads::Threads)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
