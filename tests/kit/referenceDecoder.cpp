@@ -58,6 +58,7 @@ class decoder
         if ((word(0) + word(1) + word(2) + word(3) + word(4)) % 65536 != 0)
         {
             ++result.headerErrors;
+            result.framesBeforeError.push_back(result.frames.size());
             position += headerBytes - 1;
             return true;
         }

@@ -38,8 +38,9 @@ struct decodedStream
     enum expectation : std::uint32_t { START = 0, HEADER = 1, DATA = 2 };
 
     std::vector<decodedFrame> frames;
-    std::size_t headerErrors = 0; ///< headers rejected for their checksum
-    bytes rest;                   ///< bytes at the end that still wait for more
+    std::size_t headerErrors = 0;               ///< headers rejected for their checksum
+    std::vector<std::size_t> framesBeforeError; ///< for each of them, how many frames came before it
+    bytes rest;                                 ///< bytes at the end that still wait for more
     expectation expected = START;
 };
 
