@@ -11,6 +11,9 @@ if(GSSIP_SANITIZE)
   target_link_options(gssip_options INTERFACE -fsanitize=${GSSIP_SANITIZE})
 endif()
 
+# What is built for use does not tell where it was built: the same source gives the same bytes in any folder.
+set(GSSIP_PREFIX_MAPS -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-prefix-map=${PROJECT_BINARY_DIR}=./build)
+
 # Where time may have 32 or 64 bits it has 64, in the libraries and in whatever uses their headers.
 set(GSSIP_TIME_DEFINITIONS "")
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
@@ -23,6 +26,7 @@ function(gssip_add_library name alias)
   add_library(gssip::${alias} ALIAS ${name})
   target_compile_features(${name} PUBLIC cxx_std_17)
   target_compile_definitions(${name} PUBLIC ${GSSIP_TIME_DEFINITIONS})
+  target_compile_options(${name} PRIVATE "$<$<NOT:$<CONFIG:Debug>>:${GSSIP_PREFIX_MAPS}>")
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:gssip_options> Threads::Threads)
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
@@ -31,6 +35,7 @@ function(gssip_add_library name alias)
     EXPORT_NAME ${alias}
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
+    BUILD_RPATH_USE_ORIGIN ON
     CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
