@@ -5,22 +5,18 @@
 #include "messages.h"
 #include "ordinaryUser.h"
 #include "portOnLine.h"
+#include "processRights.h"
 #include "processState.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -30,14 +26,9 @@ namespace
 using kit::frame;
 using kit::message;
 using kit::portOnLine;
-
-/// The policy of a thread and its real-time priority, as the system tells.
-std::string schedulingOf(pid_t thread)
-{
-    sched_param parameters{};
-    sched_getparam(thread, &parameters);
-    return std::to_string(sched_getscheduler(thread)) + "/" + std::to_string(parameters.sched_priority);
-}
+using kit::realTimeIsPermitted;
+using kit::refuseScheduling;
+using kit::schedulingOf;
 
 std::string const DEFAULT_SCHEDULING = std::to_string(SCHED_OTHER) + "/0";
 
@@ -78,31 +69,6 @@ std::string forbidRealTime()
 {
     rlimit const none{0, 0};
     return setrlimit(RLIMIT_RTPRIO, &none) == 0 ? "" : std::strerror(errno);
-}
-
-/// From now on this process may not change the scheduling of a thread, whoever it runs as.
-std::string refuseScheduling()
-{
-    std::vector<sock_filter> program{
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sched_setscheduler, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sched_setattr, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    sock_fprog const filter{static_cast<unsigned short>(program.size()), program.data()};
-    bool const inForce = prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, 2, &filter) == 0;
-    return inForce ? "" : std::string("no filter: ") + std::strerror(errno);
-}
-
-bool realTimeIsPermitted()
-{
-    return kit::inOwnProcess([]() -> std::string {
-               sched_param parameters{};
-               parameters.sched_priority = 60;
-               return sched_setscheduler(0, SCHED_FIFO, &parameters) == 0 ? "" : "refused";
-           })
-        .empty();
 }
 
 TEST(OrdinaryUser, Port_WorksWithDefaultScheduling)
@@ -185,25 +151,6 @@ TEST(Signals, StartersMask_IsAsItWas)
 
 // --- A starter that outranks the threads it starts, on the only processor that they may use
 
-std::string becomeRealTimeOnOneProcessor()
-{
-    cpu_set_t allowed;
-    sched_getaffinity(0, sizeof allowed, &allowed);
-    int first = 0;
-    while (!CPU_ISSET(static_cast<std::size_t>(first), &allowed))
-    {
-        ++first;
-    }
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(static_cast<std::size_t>(first), &one);
-    sched_param parameters{};
-    parameters.sched_priority = 60;
-    bool const done =
-        sched_setaffinity(0, sizeof one, &one) == 0 && sched_setscheduler(0, SCHED_FIFO, &parameters) == 0;
-    return done ? "" : std::strerror(errno);
-}
-
 TEST(RealTimeStarter, OnTheThreadsProcessor_LetsThemBegin)
 {
     if (!realTimeIsPermitted())
@@ -213,7 +160,7 @@ TEST(RealTimeStarter, OnTheThreadsProcessor_LetsThemBegin)
     EXPECT_EQ(kit::inOwnProcess([]() -> std::string {
                   ::signal(SIGALRM, SIG_DFL);
                   ::alarm(10); // a starter that never lets go of the processor is ended by the system
-                  std::string fault = becomeRealTimeOnOneProcessor();
+                  std::string fault = kit::becomeRealTimeOnOneProcessor();
                   for (int round = 0; round < 20 && fault.empty(); ++round)
                   {
                       portOnLine<> rig;
