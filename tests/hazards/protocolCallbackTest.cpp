@@ -1,11 +1,11 @@
 // Call-backs that throw, and call-backs that call back, on every thread that makes them.
 
 #include "awaitOnLine.h"
-#include "checkpoint.h"
 #include "frames.h"
 #include "messages.h"
-#include "portOnLine.h"
-#include "processState.h"
+#include "sentry.h"
+#include "toldPort.h"
+#include "waitUntil.h"
 
 #include <gtest/gtest.h>
 
@@ -29,119 +29,7 @@ using kit::message;
 constexpr std::uint16_t REQUEST = gssipMessage::ACK_REQ_FLAG;
 constexpr std::uint16_t NAK = gssipMessage::REPLY_FLAG | gssipMessage::NAK_FLAG;
 
-/// Gets every call that a port makes, and acts in one place, named as "operation@thread".
-class application
-{
-  public:
-    void called(std::string const& operation)
-    {
-        thread_local bool inside = false; // what the action calls brings no further action
-        if (!inside && operation + "@" + threadName() == place)
-        {
-            inside = true;
-            ++calls;
-            try
-            {
-                action();
-            }
-            catch (...)
-            {
-                inside = false;
-                throw;
-            }
-            inside = false;
-        }
-    }
-
-    /// To be set while nothing is called.
-    void actAt(std::string const& where, std::function<void()> what)
-    {
-        place = where;
-        action = std::move(what);
-    }
-
-    std::atomic<int> calls{0};
-
-  private:
-    std::string threadName() const
-    {
-        for (char const* name : {"GP TX", "gssipSendAckReq"})
-        {
-            if (kit::isThread(name))
-            {
-                return name;
-            }
-        }
-        return pthread_equal(pthread_self(), testThread) != 0 ? "application" : "receiver";
-    }
-
-    pthread_t const testThread = pthread_self();
-    std::string place;
-    std::function<void()> action;
-};
-
-class toldTime : public kit::settableTime
-{
-  public:
-    explicit toldTime(application& owner) : told(owner) {}
-    double getTime_sec() override
-    {
-        told.called("clock");
-        return settableTime::getTime_sec();
-    }
-
-  private:
-    application& told;
-};
-
-class toldLog : public kit::recordingLog
-{
-  public:
-    explicit toldLog(application& owner) : told(owner) {}
-    void log(double const& time_sec, std::int32_t const& level, std::string const& text) override
-    {
-        told.called("log");
-        recordingLog::log(time_sec, level, text);
-    }
-    using recordingLog::log;
-
-  private:
-    application& told;
-};
-
-class toldPort : public exposedPort
-{
-  public:
-    toldPort(std::string const& name, toldTime& clock, toldLog& sink, application& owner)
-        : exposedPort(name, clock, &sink, false), told(owner)
-    {}
-    ~toldPort() override { stop(); }
-
-    int resendMessage(gssipMessage& message) override
-    {
-        told.called("resend");
-        return exposedPort::resendMessage(message);
-    }
-    double getAcknowledgeTimeout_sec() override
-    {
-        told.called("timeout");
-        return exposedPort::getAcknowledgeTimeout_sec();
-    }
-
-  private:
-    application& told;
-};
-
-struct rig
-{
-    kit::exposedSendAckReq& tracker() { return kit::exposedSendAckReq::of(port.sendAckReq); }
-
-    application app;
-    kit::pseudoTerminal line;
-    toldTime clock{app};
-    toldLog log{app};
-    toldPort port{line.name(), clock, log, app};
-};
+using rig = kit::toldRig;
 
 /// A place on a thread of the port where the application is called, and what brings that about once.
 struct occasion

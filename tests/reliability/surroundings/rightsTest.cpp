@@ -3,6 +3,7 @@
 #include "ordinaryUser.h"
 #include "priorityLimit.h"
 #include "processRights.h"
+#include "wholeExchange.h"
 #include "wholePort.h"
 
 #include <gtest/gtest.h>
@@ -172,7 +173,7 @@ std::string faultWithoutProc()
     fault = fault.empty()
                 ? faultOfStart(counted, kit::realTimeIsPermitted() ? realTimeScheduling() : defaultScheduling())
                 : fault;
-    fault = fault.empty() ? faultOfExchange(counted.rig) : fault;
+    fault = fault.empty() ? kit::faultOfExchange(counted.rig) : fault;
     return fault.empty() ? faultOfStop(counted) : fault;
 }
 

@@ -1,6 +1,7 @@
 // A user who may have only so many threads: the n-th thread of a port cannot be created.
 
 #include "ordinaryUser.h"
+#include "wholeExchange.h"
 #include "wholePort.h"
 
 #include <gtest/gtest.h>
@@ -67,7 +68,7 @@ std::string faultOfPortWith(unsigned permitted)
         }
         fault = fault.empty() ? permitThreads(PLENTY) : fault;
         fault = fault.empty() ? faultOfStart(counted, defaultScheduling()) : fault;
-        fault = fault.empty() ? faultOfExchange(counted.rig) : fault;
+        fault = fault.empty() ? kit::faultOfExchange(counted.rig) : fault;
         fault = fault.empty() ? faultOfStop(counted) : fault;
         fault = fault.empty() ? permitThreads(THIS_THREAD + permitted) : fault;
         counted.rig.port.start(); // and the destructor ends what has been made of it

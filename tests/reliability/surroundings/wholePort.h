@@ -36,13 +36,10 @@ std::size_t openDescriptors();
 /// Starts the port; its threads must be four, and scheduled like this.
 std::string faultOfStart(countedPort& counted, scheduling const& expected);
 
-/// Tracked messages both ways, each acknowledged; one that is not acknowledged is written twice.
-std::string faultOfExchange(kit::portOnLine<>& rig);
-
 /// Stops the port; none of its threads may be left.
 std::string faultOfStop(countedPort& counted);
 
-/// All of this, twice with the same port.
+/// Start, exchange of messages and stop, twice with the same port.
 std::string faultOfWholePort(scheduling const& expected);
 
 #endif
