@@ -1,0 +1,211 @@
+// As many messages as the line takes: plain, tracked, long ones, and ready frames into a receiver.
+
+#include "ends.h"
+
+#include <deque>
+#include <future>
+
+namespace bench
+{
+namespace
+{
+
+figures streamFigures(std::size_t count, std::int64_t time_ns, std::int64_t processor_ns)
+{
+    auto const messages = static_cast<double>(count);
+    return {{"rate_per_sec", messages * 1e9 / static_cast<double>(time_ns)},
+            {"cpu_ns", static_cast<double>(processor_ns) / messages}};
+}
+
+/// Lets `send` go on until `awaitEnd` returns.
+template <typename Send, typename AwaitEnd>
+figures timeStream(std::size_t count, Send const& send, AwaitEnd const& awaitEnd)
+{
+    std::int64_t const processorBefore_ns = processorTime_ns();
+    std::int64_t const start_ns = now_ns();
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        send(i);
+    }
+    awaitEnd();
+    return streamFigures(count, now_ns() - start_ns, processorTime_ns() - processorBefore_ns);
+}
+
+/// Tells when so many have come.
+class arrivals
+{
+  public:
+    explicit arrivals(std::size_t countToExpect) : expected(countToExpect) {}
+
+    void one()
+    {
+        if (++seen == expected)
+        {
+            all.set_value();
+        }
+    }
+
+    void await() { all.get_future().wait(); }
+
+  private:
+    std::size_t const expected;
+    std::size_t seen = 0;
+    std::promise<void> all;
+};
+
+template <typename End>
+figures stream(pairOf<End> ends, typename End::message const& message, std::size_t count)
+{
+    arrivals received(count);
+    threadOn(place::farEnd, [&] {
+        forEachReceived(ends.far, [&](typename End::message const&) { received.one(); });
+    }).detach();
+    return timeStream(
+        count, [&](std::size_t) { ends.near.send(message); }, [&] { received.await(); });
+}
+
+/// Writes acknowledgements at the far end so that as many messages as asked for are always without one.
+class lateAcknowledgements
+{
+  public:
+    lateAcknowledgements(portEnd& portToUse, options const& asked) : port(portToUse), lag(asked.lag), left(asked.count)
+    {
+        port.setReceiveAutoAcknowledgeEnable(false);
+    }
+
+    void received(gssipMessage const& message)
+    {
+        waiting.push_back(message.getId());
+        --left;
+        while (waiting.size() > lag || (left == 0 && !waiting.empty()))
+        {
+            gssipMessage acknowledgement(waiting.front(), gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG, 0);
+            waiting.pop_front();
+            port.resendMessage(acknowledgement); // on this thread and past the queue, as the port itself does it
+        }
+    }
+
+  private:
+    portEnd& port;
+    std::size_t const lag;
+    std::size_t left;
+    std::deque<std::uint16_t> waiting;
+};
+
+figures trackedStreamOfPort(options const& asked)
+{
+    auto const& line = *new lineUnderTest(asked.line);
+    arrivals acknowledged(asked.count);
+    runOn(place::farEnd);
+    auto& far = *new portEnd(line.nameAt(place::farEnd));
+    runOn(place::nearEnd);
+    auto& near = *new confirmedPort(line.nameAt(place::nearEnd), [&] { acknowledged.one(); });
+
+    threadOn(place::nearEnd, [&] { forEachReceived(near, [](gssipMessage const&) {}); }).detach();
+    if (asked.lag == 0)
+    {
+        threadOn(place::farEnd, [&] { forEachReceived(far, [](gssipMessage const&) {}); }).detach();
+    }
+    else
+    {
+        auto& late = *new lateAcknowledgements(far, asked);
+        threadOn(place::farEnd, [&] {
+            forEachReceived(far, [&](gssipMessage const& message) { late.received(message); });
+        }).detach();
+    }
+    gssipMessage message = messageOf(asked.bytes, 0, gssipMessage::ACK_REQ_FLAG);
+    return timeStream(
+        asked.count,
+        [&](std::size_t i) {
+            message.setId(static_cast<std::uint16_t>(i));
+            near.send(message);
+        },
+        [&] { acknowledged.await(); });
+}
+
+figures repliedStreamOfRawK3(options const& asked)
+{
+    pairOf<rawK3> const ends = makeRawK3(asked, HEADER_ONLY_BYTES);
+    arrivals replies(asked.count);
+    threadOn(place::farEnd, [&ends] {
+        rawK3::message const reply = rawK3::make(HEADER_ONLY_BYTES);
+        forEachReceived(ends.far, [&](rawK3::message const&) { ends.far.reply(reply); });
+    }).detach();
+    threadOn(place::nearEnd, [&] {
+        forEachReceived(ends.near, [&](rawK3::message const&) { replies.one(); });
+    }).detach();
+    rawK3::message const message = rawK3::make(asked.bytes);
+    return timeStream(
+        asked.count, [&](std::size_t) { ends.near.send(message); }, [&] { replies.await(); });
+}
+
+/// The frames of so many messages, as they stand on a line.
+std::vector<std::uint8_t> readyFrames(options const& asked)
+{
+    gssipMessage message = messageOf(asked.bytes, 7, 0);
+    message.setHeaderChecksum();
+    message.setDataChecksum();
+    std::vector<std::uint8_t> const frame = message.getHeaderAndDataUint8();
+    std::vector<std::uint8_t> frames;
+    frames.reserve(asked.count * frame.size());
+    for (std::size_t i = 0; i < asked.count; ++i)
+    {
+        frames.insert(frames.end(), frame.begin(), frame.end());
+    }
+    return frames;
+}
+
+/// Into the far end, which is one of these; the near one is written to directly.
+template <typename End>
+figures burst(lineUnderTest const& line, End& receiver, options const& asked)
+{
+    std::vector<std::uint8_t> const frames = readyFrames(asked);
+    arrivals received(asked.count);
+    threadOn(place::farEnd, [&] {
+        forEachReceived(receiver, [&](typename End::message const&) { received.one(); });
+    }).detach();
+    std::int64_t const processorBefore_ns = processorTime_ns();
+    std::int64_t const start_ns = now_ns();
+    writeAll(line.descriptorAt(place::nearEnd), frames.data(), frames.size());
+    received.await();
+    return streamFigures(asked.count, now_ns() - start_ns, processorTime_ns() - processorBefore_ns);
+}
+
+figures burstIntoPort(options const& asked)
+{
+    auto const& line = *new lineUnderTest(asked.line);
+    runOn(place::farEnd);
+    auto& receiver = *new portEnd(line.nameAt(place::farEnd));
+    runOn(place::nearEnd);
+    return burst(line, receiver, asked);
+}
+
+figures burstIntoRawK3(options const& asked)
+{
+    auto const& line = *new lineUnderTest(asked.line);
+    runOn(place::farEnd);
+    auto& receiver = *new rawK3(line.descriptorAt(place::farEnd), asked.bytes, asked.transmitPriority());
+    runOn(place::nearEnd);
+    return burst(line, receiver, asked);
+}
+
+} // namespace
+
+void addStreams(measurements& all)
+{
+    all[{"stream", "port"}] = [](options const& asked) {
+        return stream(makePorts(asked), portEnd::make(asked.bytes), asked.count);
+    };
+    all[{"stream", "rawK3"}] = [](options const& asked) {
+        return stream(makeRawK3(asked, asked.bytes), rawK3::make(asked.bytes), asked.count);
+    };
+    all[{"stream", "rawWrite"}] = [](options const& asked) {
+        return stream(makeRawWrite(asked), rawWrite::make(asked.bytes), asked.count);
+    };
+    all[{"trackedStream", "port"}] = trackedStreamOfPort;
+    all[{"trackedStream", "rawK3"}] = repliedStreamOfRawK3;
+    all[{"burst", "port"}] = burstIntoPort;
+    all[{"burst", "rawK3"}] = burstIntoRawK3;
+}
+
+} // namespace bench

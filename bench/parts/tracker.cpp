@@ -1,0 +1,226 @@
+// What awaits acknowledgement, without the thread that resends.
+
+#include "frames.h"
+#include "gssipPort.h"
+#include "gssipSendAckReq.h"
+#include "monotonicTimeStamp.h"
+#include "timing.h"
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <stdexcept>
+
+namespace bench
+{
+namespace
+{
+
+/// So many a measurement: one alone is hardly longer than the reading of the clock.
+constexpr std::size_t AT_ONCE = 4;
+
+constexpr double PATIENT_SEC = 3600.0;
+
+gssipMessage tracked(std::size_t number)
+{
+    return messageOf(42, static_cast<std::uint16_t>(number), gssipMessage::ACK_REQ_FLAG);
+}
+
+/// The library's tracker.
+class trackerOfPort
+{
+  public:
+    trackerOfPort() { port.setAcknowledgeTimeout_sec(PATIENT_SEC); }
+
+    /// Sent `age_sec` ago: the older, the earlier its deadline.
+    void insert(gssipMessage& message, double age_sec)
+    {
+        message.setSendTimeStamp(clock.getTime_sec() - age_sec);
+        tracker.processSendAckRequest(message);
+    }
+
+    void acknowledge(std::uint16_t id)
+    {
+        bool handled = false;
+        tracker.processReceiveAckNak(gssipMessage(id, gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG, 0), handled);
+    }
+
+    std::deque<gssipSendAckReqEvent>& events() { return tracker.eventQ; }
+
+  private:
+    struct exposed : gssipSendAckReq
+    {
+        using gssipSendAckReq::gssipSendAckReq;
+        using gssipSendAckReq::eventQ;
+    };
+
+    monotonicTimeStamp clock;
+    gssipPort port{"/dev/null", clock, nullptr, false};
+    exposed tracker{port, nullptr};
+};
+
+/// The least that keeps events in order: appends and looks at everything, or sorts everything.
+class bareEvents
+{
+  public:
+    void insert(gssipMessage& message, double age_sec)
+    {
+        gssipSendAckReqEvent event;
+        event.message = message;
+        event.absTimeout.tv_sec = static_cast<std::time_t>(PATIENT_SEC - age_sec);
+        event.absTimeout.tv_nsec = static_cast<long>(nextId % 1'000'000'000);
+        event.eventId = nextId++;
+        queue.push_back(std::move(event));
+        if (age_sec > 0)
+        {
+            std::sort(queue.begin(), queue.end(), eventLess);
+        }
+        else
+        {
+            benchmark::DoNotOptimize(std::is_sorted(queue.begin(), queue.end(), eventLess));
+        }
+    }
+
+    void acknowledge(std::uint16_t /*id*/) { queue.pop_front(); }
+
+    std::deque<gssipSendAckReqEvent>& events() { return queue; }
+
+  private:
+    std::uint32_t nextId = 0;
+    std::deque<gssipSendAckReqEvent> queue;
+};
+
+/// Keeps so many events pending between two measurements.
+template <typename Events>
+class pending
+{
+  public:
+    explicit pending(std::size_t count) : length(count)
+    {
+        for (std::size_t i = 0; i < AT_ONCE; ++i)
+        {
+            messages.push_back(tracked(i));
+        }
+        for (std::size_t i = 0; i < length; ++i)
+        {
+            append();
+        }
+    }
+
+    void checkLength(std::size_t expected)
+    {
+        if (events.events().size() != expected)
+        {
+            throw std::logic_error("not as many are pending as there should be");
+        }
+    }
+
+    /// As `insert` does it, but without the look at the whole queue.
+    void append()
+    {
+        gssipMessage message = tracked(nextMessage++);
+        std::deque<gssipSendAckReqEvent> before;
+        before.swap(events.events());
+        events.insert(message, 0);
+        before.push_back(std::move(events.events().front()));
+        events.events().swap(before);
+    }
+
+    Events events;
+    std::vector<gssipMessage> messages;
+    std::size_t const length;
+    std::size_t nextMessage = 0;
+    std::size_t nextAcknowledged = 0;
+};
+
+template <typename Events>
+struct inOrder : pending<Events>
+{
+    using pending<Events>::pending;
+    void prepare()
+    {
+        while (this->events.events().size() > this->length)
+        {
+            this->events.events().pop_back();
+        }
+        this->checkLength(this->length);
+    }
+    void work()
+    {
+        for (gssipMessage& message : this->messages)
+        {
+            this->events.insert(message, 0);
+        }
+    }
+};
+
+template <typename Events>
+struct outOfOrder : pending<Events>
+{
+    using pending<Events>::pending;
+    void prepare()
+    {
+        while (this->events.events().size() > this->length)
+        {
+            this->events.events().pop_front();
+        }
+        this->checkLength(this->length);
+    }
+    void work()
+    {
+        double age_sec = 100;
+        for (gssipMessage& message : this->messages)
+        {
+            this->events.insert(message, age_sec++); // to the front of those before
+        }
+    }
+};
+
+/// The oldest of those that are pending when the measurement begins, and the next ones.
+template <typename Events>
+struct acknowledgedOldest : pending<Events>
+{
+    explicit acknowledgedOldest(std::size_t count) : pending<Events>(count + AT_ONCE - 1) {}
+    void prepare()
+    {
+        while (this->events.events().size() < this->length)
+        {
+            this->append();
+        }
+        this->checkLength(this->length);
+    }
+    void work()
+    {
+        for (std::size_t i = 0; i < AT_ONCE; ++i)
+        {
+            this->events.acknowledge(static_cast<std::uint16_t>(this->nextAcknowledged++));
+        }
+    }
+};
+
+template <typename Subject>
+std::unique_ptr<Subject> made(std::size_t size)
+{
+    return std::make_unique<Subject>(size);
+}
+
+template <typename Events>
+void addFor(std::string const& contender, std::size_t count)
+{
+    add("registration", contender, count, made<inOrder<Events>>);
+    add("lateRegistration", contender, count, made<outOfOrder<Events>>);
+    add("acknowledgement", contender, count, made<acknowledgedOldest<Events>>);
+}
+
+} // namespace
+
+void addTracker()
+{
+    for (std::size_t const count : {1U, 10U, 100U, 1000U, 10000U})
+    {
+        addFor<trackerOfPort>("port", count);
+        addFor<bareEvents>("deque", count);
+    }
+}
+
+} // namespace bench
