@@ -9,6 +9,8 @@ namespace
 {
 
 thread_local std::size_t made = 0;
+std::atomic<std::ptrdiff_t> alive{0};
+std::atomic<bool (*)()> isToFail{nullptr};
 std::atomic<std::size_t> madeByAll{0};
 thread_local bool failureAhead = false;
 thread_local std::size_t successesLeft = 0;
@@ -26,8 +28,18 @@ void failElsewhere()
     }
 }
 
+void failIfAsked()
+{
+    auto* const ask = isToFail.load();
+    if (ask != nullptr && ask())
+    {
+        throw std::bad_alloc();
+    }
+}
+
 void* allocate(std::size_t size)
 {
+    failIfAsked();
     failElsewhere();
     if (failureAhead && successesLeft == 0)
     {
@@ -44,8 +56,15 @@ void* allocate(std::size_t size)
         throw std::bad_alloc();
     }
     ++made;
+    ++alive;
     ++madeByAll;
     return memory;
+}
+
+void giveBack(void* memory) noexcept
+{
+    alive -= memory == nullptr ? 0 : 1;
+    std::free(memory);
 }
 
 } // namespace
@@ -62,22 +81,22 @@ void* operator new[](std::size_t size)
 
 void operator delete(void* memory) noexcept
 {
-    std::free(memory);
+    giveBack(memory);
 }
 
 void operator delete[](void* memory) noexcept
 {
-    std::free(memory);
+    giveBack(memory);
 }
 
 void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
-    std::free(memory);
+    giveBack(memory);
 }
 
 void operator delete[](void* memory, std::size_t /*size*/) noexcept
 {
-    std::free(memory);
+    giveBack(memory);
 }
 
 namespace kit
@@ -86,6 +105,16 @@ namespace kit
 std::size_t allocationsMade()
 {
     return made;
+}
+
+std::ptrdiff_t allocationsAlive()
+{
+    return alive;
+}
+
+void askBeforeAllocating(bool (*shallFail)())
+{
+    isToFail = shallFail;
 }
 
 std::size_t allocationsMadeByAll()

@@ -13,6 +13,12 @@ namespace kit
 /// The number of allocations that the calling thread has made so far.
 std::size_t allocationsMade();
 
+/// The number of allocations, of all threads, that have been made and not yet been given back.
+std::ptrdiff_t allocationsAlive();
+
+/// From now on every allocation asks first, on its own thread: true makes it fail. Null asks nobody.
+void askBeforeAllocating(bool (*shallFail)());
+
 /// The number that all threads together have made so far.
 std::size_t allocationsMadeByAll();
 

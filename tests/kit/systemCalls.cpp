@@ -33,6 +33,12 @@ Function* next(char const* name)
 namespace kit
 {
 
+int systemCalls::open(char const* name, int flags, mode_t mode)
+{
+    static auto* const real = next<int(char const*, int, ...)>("open");
+    return real(name, flags, mode);
+}
+
 int systemCalls::ioctl(int descriptor, unsigned long request, void* argument)
 {
     static auto* const real = next<int(int, unsigned long, ...)>("ioctl");
@@ -74,6 +80,12 @@ ssize_t systemCalls::read(int descriptor, void* bytes, std::size_t capacity)
     return real(descriptor, bytes, capacity);
 }
 
+int systemCalls::poll(pollfd* descriptors, nfds_t count, int limit_ms)
+{
+    static auto* const real = next<int(pollfd*, nfds_t, int)>("poll");
+    return real(descriptors, count, limit_ms);
+}
+
 int systemCalls::ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals)
 {
     static auto* const real = next<int(pollfd*, nfds_t, timespec const*, sigset_t const*)>("ppoll");
@@ -93,6 +105,19 @@ systemReplaced::~systemReplaced()
 } // namespace kit
 
 extern "C" {
+
+int open(char const* name, int flags, ...)
+{
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE)
+    {
+        std::va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    return current().open(name, flags, mode);
+}
 
 int ioctl(int descriptor, unsigned long request, ...) noexcept
 {
@@ -131,6 +156,11 @@ ssize_t write(int descriptor, void const* bytes, std::size_t count)
 ssize_t read(int descriptor, void* bytes, std::size_t capacity)
 {
     return current().read(descriptor, bytes, capacity);
+}
+
+int poll(pollfd* descriptors, nfds_t count, int limit_ms)
+{
+    return current().poll(descriptors, count, limit_ms);
 }
 
 int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals)

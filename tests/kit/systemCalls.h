@@ -24,6 +24,7 @@ class systemCalls
     systemCalls(systemCalls const&) = delete;
     systemCalls& operator=(systemCalls const&) = delete;
 
+    virtual int open(char const* name, int flags, mode_t mode);
     virtual int ioctl(int descriptor, unsigned long request, void* argument);
     virtual int close(int descriptor);
     virtual int fstat(int descriptor, struct stat& status);
@@ -31,6 +32,7 @@ class systemCalls
     virtual int eventfd(unsigned count, int flags);
     virtual ssize_t write(int descriptor, void const* bytes, std::size_t count);
     virtual ssize_t read(int descriptor, void* bytes, std::size_t capacity);
+    virtual int poll(pollfd* descriptors, nfds_t count, int limit_ms);
     virtual int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals);
 };
 

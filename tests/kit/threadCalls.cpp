@@ -1,6 +1,7 @@
 #include "threadCalls.h"
 
 #include <atomic>
+#include <ctime>
 #include <dlfcn.h>
 
 namespace
@@ -28,6 +29,34 @@ void tell(Call const& call)
         call(*replaced);
         inside = false;
     }
+}
+
+/// Before a wait; true when the wait is to end at once.
+bool isOverBeforeItBegins(pthread_cond_t& condition)
+{
+    bool isOver = false;
+    tell([&](kit::threadCalls& calls) {
+        calls.beforeWait(condition);
+        isOver = calls.wakesForNothing();
+    });
+    return isOver;
+}
+
+bool isAhead(clockid_t clock, timespec const& deadline)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return now.tv_sec != deadline.tv_sec ? now.tv_sec < deadline.tv_sec : now.tv_nsec < deadline.tv_nsec;
+}
+
+/// What the wait of a thread that wakes for nothing comes to: others may have had the mutex meanwhile.
+int wakeForNothing(pthread_mutex_t* mutex)
+{
+    constexpr timespec A_MOMENT{0, 200'000};
+    pthread_mutex_unlock(mutex);
+    clock_nanosleep(CLOCK_MONOTONIC, 0, &A_MOMENT, nullptr);
+    pthread_mutex_lock(mutex);
+    return 0;
 }
 
 } // namespace
@@ -95,23 +124,22 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
     static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
-    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
-    return real(condition, mutex);
+    return isOverBeforeItBegins(*condition) ? wakeForNothing(mutex) : real(condition, mutex);
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
 {
     static auto* const real =
         next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
-    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
-    return real(condition, mutex, clock, deadline);
+    return isOverBeforeItBegins(*condition) && isAhead(clock, *deadline) ? wakeForNothing(mutex)
+                                                                         : real(condition, mutex, clock, deadline);
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline)
 {
     static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
-    tell([&](kit::threadCalls& calls) { calls.beforeWait(*condition); });
-    return real(condition, mutex, deadline);
+    return isOverBeforeItBegins(*condition) && isAhead(CLOCK_REALTIME, *deadline) ? wakeForNothing(mutex)
+                                                                                  : real(condition, mutex, deadline);
 }
 
 } // extern "C"
