@@ -58,6 +58,7 @@ class decoder
         if ((word(0) + word(1) + word(2) + word(3) + word(4)) % 65536 != 0)
         {
             ++result.headerErrors;
+            result.headerErrorsAt.push_back(position);
             result.framesBeforeError.push_back(result.frames.size());
             position += headerBytes - 1;
             return true;
@@ -68,14 +69,14 @@ class decoder
             result.expected = decodedStream::DATA;
             return false;
         }
-        keepFrame();
+        keepFrame(size);
         position += size - 1;
         return true;
     }
 
-    void keepFrame()
+    void keepFrame(std::size_t size)
     {
-        decodedFrame frame{word(0), word(1), word(2), word(3), word(4), {}, 0};
+        decodedFrame frame{word(0), word(1), word(2), word(3), word(4), {}, 0, position, position + size};
         for (std::size_t index = 0; index < frame.count; ++index)
         {
             frame.data.push_back(word(5 + index));
@@ -115,7 +116,9 @@ decodedFrame viewOf(gssipMessage const& message)
             message.getProtocolFlags(),
             message.getHeaderChecksum(),
             message.getData(),
-            message.getDataChecksum()};
+            message.getDataChecksum(),
+            0,
+            0};
 }
 
 decodedStream decode(bytes const& stream)

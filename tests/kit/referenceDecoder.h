@@ -23,6 +23,10 @@ struct decodedFrame
     std::vector<std::uint16_t> data;
     std::uint16_t dataChecksum = 0;
 
+    // Where it stood in the stream; two that differ in nothing else are equal.
+    std::size_t begin = 0;
+    std::size_t end = 0; ///< behind its last byte
+
     bool operator==(decodedFrame const& other) const;
 };
 
@@ -40,6 +44,7 @@ struct decodedStream
     std::vector<decodedFrame> frames;
     std::size_t headerErrors = 0;               ///< headers rejected for their checksum
     std::vector<std::size_t> framesBeforeError; ///< for each of them, how many frames came before it
+    std::vector<std::size_t> headerErrorsAt;    ///< where each of them began
     bytes rest;                                 ///< bytes at the end that still wait for more
     expectation expected = START;
 };

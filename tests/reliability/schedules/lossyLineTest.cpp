@@ -1,0 +1,46 @@
+#include "exploration.h"
+#include "lossyExchange.h"
+#include "testSize.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <iostream>
+
+namespace
+{
+
+using namespace schedules;
+
+liberties drawLiberties(dice& chance)
+{
+    liberties allowed;
+    allowed.idleWakes = static_cast<unsigned>(chance.below(4));
+    allowed.shortTransfers = static_cast<unsigned>(chance.below(30));
+    return allowed;
+}
+
+void print(lossyTally const& tally)
+{
+    std::cout << tally.framesWritten << " frames written, " << tally.secondCopies << " of them by the clock; "
+              << tally.bytesDamaged << " of " << tally.bytesArrived << " bytes damaged; " << tally.headersRejected
+              << " headers rejected, " << tally.unnoticed << " damaged frames accepted; " << tally.delivered
+              << " messages delivered; of the undamaged frames behind damage " << tally.foundAgain
+              << " had to be received, " << tally.excused << " not\n";
+}
+
+class LossyLine : public testing::TestWithParam<plan>
+{};
+
+TEST_P(LossyLine, PortsAndModel_Agree)
+{
+    lossyTally tally;
+    std::uint64_t const count = bySize<std::uint64_t>(1000, 100'000, 400'000) / everyStrategy().size();
+    explore({"lossy line", GetParam(), count, drawLiberties,
+             [&tally](scheduler& schedule) { exchangeOverLossyLine(schedule, tally); }});
+    print(tally);
+}
+
+INSTANTIATE_TEST_SUITE_P(Strategies, LossyLine, testing::ValuesIn(everyStrategy()),
+                         [](auto const& strategy) { return shortName(strategy.param); });
+
+} // namespace
