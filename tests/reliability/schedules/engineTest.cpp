@@ -202,7 +202,9 @@ TEST_P(Engine, ConditionNotLookedAtAgain_Found)
 TEST_P(Engine, ConditionLookedAtAgain_NothingFoundThoughWaitsEndForNothing)
 {
     std::optional<finding> const found = find([](scheduler& schedule) { consume(schedule, true); }, FEW,
-                                              [](dice&) { return liberties{0, 5, 0, 0, false, false}; });
+                                              [](dice&) {
+                                                  return liberties{0, 5, 0, false, false};
+                                              });
     EXPECT_FALSE(found) << found->result.fault;
 }
 
@@ -302,7 +304,24 @@ TEST_P(Engine, EarlyTime_LetsADeadlineComeWhileAThreadCouldGoOn)
         other.join();
     };
     EXPECT_FALSE(find(program));
-    EXPECT_TRUE(find(program, FEW, [](dice&) { return liberties{3, 0, 0, 0, false, false}; }));
+    EXPECT_TRUE(find(program, FEW, [](dice&) { return liberties{3, 0, 0, false, false}; }));
+}
+
+TEST_P(Engine, CreationThatIsToFail_Fails)
+{
+    EXPECT_EQ(faultOf([](scheduler& schedule) {
+                  schedule.failCreation(2);
+                  std::thread([] {}).join();
+                  try
+                  {
+                      std::thread([] {}).join();
+                      schedule.fail("created");
+                  }
+                  catch (std::system_error const&)
+                  {}
+                  std::thread([] {}).join();
+              }),
+              "");
 }
 
 TEST_P(Engine, ThreadNeverJoined_Found)
@@ -463,7 +482,7 @@ std::string receive(int descriptor, std::size_t count)
 
 TEST_P(Engine, Line_CarriesBytesInOrderAndAtItsPace)
 {
-    outcome const result = run(planOf(1), {0, 0, 100, 0, false, false}, [](scheduler& schedule) {
+    outcome const result = run(planOf(1), {0, 0, 100, false, false}, [](scheduler& schedule) {
         lineTraits traits;
         traits.isPseudoTerminal = false;
         traits.characterTime_ns = 1'000'000;

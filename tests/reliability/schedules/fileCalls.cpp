@@ -30,6 +30,7 @@ namespace
 
 constexpr std::int64_t NS_PER_SEC = 1'000'000'000;
 constexpr std::int64_t NS_PER_MS = 1'000'000;
+constexpr std::int64_t LONGEST_CLOSE_NS = 30 * NS_PER_SEC;
 
 /// The schedule that a call belongs to; null when it is to be passed on.
 scheduler* scheduleOf(int descriptor)
@@ -187,9 +188,9 @@ int close(int descriptor)
         schedule->fail("close: somebody waits for the descriptor");
     }
     schedule->files().remove(descriptor);
-    if (std::int64_t const until_ns = file->closeBlocksUntil_ns(); until_ns > schedule->now_ns())
+    if (file->holdsUpClose())
     {
-        schedule->block(waiting::time, nullptr, until_ns);
+        schedule->blockForFiles([&] { return !file->holdsUpClose(); }, schedule->now_ns() + LONGEST_CLOSE_NS);
     }
     return 0;
 }

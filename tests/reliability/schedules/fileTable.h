@@ -30,8 +30,8 @@ class openFile
     virtual int ioctl(unsigned long request, void* argument);
     virtual int flock(int operation);
     virtual void describe(struct stat& status);
-    /// How long the system holds up whoever closes it.
-    virtual std::int64_t closeBlocksUntil_ns() { return 0; }
+    /// While that is so, the system holds up whoever closes it; 30 s at most.
+    virtual bool holdsUpClose() { return false; }
     virtual char const* kind() const = 0;
 };
 

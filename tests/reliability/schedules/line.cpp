@@ -21,7 +21,6 @@ namespace
 {
 
 constexpr unsigned READY_BELOW = 256; // a driver tells of room only when it is nearly empty
-constexpr std::int64_t CLOSING_WAIT_NS = 30'000'000'000;
 
 int failWith(int error)
 {
@@ -47,9 +46,9 @@ class line::node : public device, public std::enable_shared_from_this<line::node
     void letFlow();
     void unplug();
     void flush();
+    bool isIdle() const { return output.empty() && input.empty(); }
     unsigned driverCount() const;
     bool hasRoomToTell() const { return driverCount() < std::min(READY_BELOW, traits.ring); }
-    std::int64_t emptyAt_ns() const { return held ? schedule.now_ns() + CLOSING_WAIT_NS : end_ns; }
 
     scheduler& schedule;
     lineTraits const traits;
@@ -202,10 +201,7 @@ class line::opening : public openFile
         status.st_rdev = owner->traits.isPseudoTerminal ? makedev(PSEUDO_TERMINAL, 0) : makedev(TTY, FIRST_UART);
     }
 
-    std::int64_t closeBlocksUntil_ns() override
-    {
-        return hasHungUp() || owner->driverCount() == 0 ? 0 : owner->emptyAt_ns();
-    }
+    bool holdsUpClose() override { return !hasHungUp() && owner->driverCount() != 0; }
 
     char const* kind() const override { return "device"; }
 
@@ -460,6 +456,11 @@ unsigned line::openings(end which) const
 std::uint64_t line::lostAt(end which) const
 {
     return own->ends[which]->lost;
+}
+
+bool line::isIdle() const
+{
+    return own->ends[LEFT]->isIdle() && own->ends[RIGHT]->isIdle();
 }
 
 } // namespace schedules

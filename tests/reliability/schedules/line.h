@@ -66,6 +66,7 @@ class line
     std::vector<bytes> const& readAt(end which) const; ///< what was read there: one entry for each opening
     unsigned openings(end which) const;                ///< how many exist now
     std::uint64_t lostAt(end which) const;             ///< bytes that arrived while the device was not open
+    bool isIdle() const; ///< nothing is on its way, and nothing waits to be read; what a medium delays does not count
 
   private:
     struct state;

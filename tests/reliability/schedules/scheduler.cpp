@@ -52,7 +52,7 @@ scheduler* scheduler::current()
 scheduler::scheduler(plan const& wanted, liberties const& allowed)
     : ownChance(~wanted.seed), programChance(wanted.seed ^ PROGRAM_STREAM), allowance(allowed),
       chooser(strategy::make(wanted)), table(std::make_unique<fileTable>()), time_ns(START_NS),
-      wallOffset_ns(WALL_OFFSET_NS), horizon_ns(START_NS + LONGEST_NS)
+      wallOffset_ns(WALL_OFFSET_NS)
 {}
 
 scheduler::~scheduler() = default;
@@ -229,6 +229,12 @@ bool scheduler::anyoneWaits(waiting what, void const* object) const
                        [&](auto const& each) { return each->waitsFor == what && each->object == object; });
 }
 
+unsigned scheduler::waitingForFiles() const
+{
+    return static_cast<unsigned>(std::count_if(threads.begin(), threads.end(),
+                                               [](auto const& each) { return each->waitsFor == waiting::files; }));
+}
+
 void scheduler::filesChanged()
 {
     for (std::unique_ptr<thread>& each : threads)
@@ -242,7 +248,7 @@ void scheduler::filesChanged()
 
 thread* scheduler::create(void* (*entry)(void*), void* argument)
 {
-    if (++creations == allowance.failingCreation + 1 && allowance.failingCreation != 0)
+    if (creationsUntilFailure != 0 && --creationsUntilFailure == 0)
     {
         return nullptr;
     }
@@ -359,7 +365,7 @@ bool scheduler::takeLiberties(bool someoneIsAble)
         --allowance.earlyTimes;
         std::int64_t const before_ns = time_ns;
         passTime();
-        horizon_ns += time_ns - before_ns;
+        earlyTime_ns += time_ns - before_ns;
         return true;
     }
     return false;
@@ -409,7 +415,7 @@ bool scheduler::passTime()
         return false;
     }
     time_ns = std::max(time_ns, next_ns);
-    if (time_ns > horizon_ns)
+    if (time_ns - earlyTime_ns > START_NS + LONGEST_NS)
     {
         fail("hang: still running after 60 s\n" + whoWaits());
     }

@@ -41,7 +41,6 @@ struct liberties
     unsigned earlyTimes = 0;      ///< time jumps to the next deadline although a thread could go on: a slow machine
     unsigned idleWakes = 0;       ///< a wait on a condition ends for no reason
     unsigned shortTransfers = 0;  ///< a read or a write takes less than it could
-    unsigned failingCreation = 0; ///< creating this thread (counted from 1) fails with EAGAIN; 0: none does
     bool realTimeRefused = false; ///< creating a thread with real-time scheduling fails with EPERM
     bool clocksAreSteps = false;  ///< another thread may go on at each reading of a clock, too
 };
@@ -111,6 +110,8 @@ class scheduler
     /// What the program decides by chance, beside the order of steps.
     dice& chance() { return programChance; }
     std::int64_t now_ns() const { return time_ns; }
+    /// How much of it has passed although a thread could go on.
+    std::int64_t early_ns() const { return earlyTime_ns; }
     std::int64_t wallNow_ns() const { return time_ns + wallOffset_ns; }
     void stepWallClock(std::int64_t by_ns);
     /// Puts a line into the trace; `what` is a literal.
@@ -122,6 +123,8 @@ class scheduler
     void forgetMutex(pthread_mutex_t const* mutex);
     /// Called at that time, between the steps of threads. It must not wait.
     void at(std::int64_t when_ns, std::function<void()> action);
+    /// Of the threads that are created from now on, this one (counted from 1) is not: EAGAIN.
+    void failCreation(unsigned nth) { creationsUntilFailure = nth; }
     /// The threads that exist, the caller's included.
     unsigned livingThreads() const;
     thread const& self() const { return *running; }
@@ -140,6 +143,7 @@ class scheduler
     void wakeAll(waiting what, void const* object);
     void wakeOne(waiting what, void const* object); ///< any one of them
     bool anyoneWaits(waiting what, void const* object) const;
+    unsigned waitingForFiles() const;
     void filesChanged();
 
     thread* create(void* (*entry)(void*), void* argument); ///< null: not possible just now
@@ -182,11 +186,11 @@ class scheduler
     fibre home;
     std::int64_t time_ns;
     std::int64_t wallOffset_ns;
-    std::int64_t horizon_ns;
+    std::int64_t earlyTime_ns = 0;
     std::multimap<std::int64_t, std::function<void()>> timers;
     std::vector<std::pair<pthread_mutex_t const*, std::function<void(thread const&)>>> observers;
     std::uint64_t steps = 0;
-    unsigned creations = 0;
+    unsigned creationsUntilFailure = 0; ///< 0: none fails
     bool isOver = false;
 };
 
