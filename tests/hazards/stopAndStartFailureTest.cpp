@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <memory>
@@ -255,6 +256,34 @@ TEST(StartWithoutThread, EventThreadRefused_TellsTheErrorNumberAndWaitsForNothin
     EXPECT_EQ(rig.tracker().initializeEventThread(), EAGAIN);
 }
 
+/// Without a receiver there is no event thread either, but the transmit thread; the device stays taken.
+TEST(StartWithoutThread, ReceiversThreadRefused_TransmitThreadIsMadeAndTheDeviceStaysTaken)
+{
+    kit::threadWatch const watch;
+    kit::pseudoTerminal line;
+    kit::settableTime clock;
+    kit::recordingLog log;
+    serialPort other(line.name(), log);
+    {
+        exposedPort port(line.name(), clock, &log, false);
+        refusing system;
+        system.creationsLeft = 1; // the second of the receiver's two
+        {
+            threadCallsReplaced const replaced(system);
+            EXPECT_FALSE(port.start());
+        }
+        EXPECT_TRUE(watch.waitForAdded(1));
+        EXPECT_NE(watch.idOf("GP TX"), 0);
+        EXPECT_EQ(port.receiver, nullptr);
+        EXPECT_TRUE(port.serial.isOpen());
+        EXPECT_EQ(other.open(), EBUSY);
+        EXPECT_TRUE(port.stop());
+        EXPECT_EQ(other.open(), EBUSY) << "a port that counts as stopped has nothing to do";
+    }
+    EXPECT_EQ(other.open(), 0);
+    EXPECT_TRUE(watch.waitForAdded(0));
+}
+
 TEST(StartWithoutName, EventThread_RunsAllTheSame)
 {
     portOnLine<> rig;
@@ -315,6 +344,48 @@ class lateTransmitThread : public threadCalls
   private:
     void* port = nullptr;
 };
+
+/// Holds back what the transmit thread does.
+class slowTransmitThread : public lateTransmitThread
+{
+  public:
+    int setName(pthread_t thread, char const* name) override { return threadCalls::setName(thread, name); }
+};
+
+/// They interrupt the wait for the new thread, which has to be taken up again.
+TEST(LateThread, SignalsToTheStarter_DoNotEndItsWait)
+{
+    static std::atomic<int> taken{0};
+    taken = 0;
+    struct sigaction counting = {};
+    struct sigaction former = {};
+    counting.sa_handler = [](int) { ++taken; }; // without SA_RESTART: the wait fails with EINTR
+    ASSERT_EQ(sigaction(SIGUSR1, &counting, &former), 0);
+    portOnLine<> rig;
+    slowTransmitThread system;
+    {
+        threadCallsReplaced const replaced(system);
+        std::atomic<pthread_t> starter{};
+        kit::callOnThread<int> starting([&] {
+            starter = pthread_self();
+            return rig.port.initializeTransmitThread();
+        });
+        system.beginning.awaitArrival();
+        for (int signals = 1; signals <= 3; ++signals)
+        {
+            starting.awaitAsleep();
+            pthread_kill(starter, SIGUSR1);
+            ASSERT_TRUE(kit::waitUntil([&] { return taken == signals; }));
+        }
+        starting.awaitAsleep();
+        EXPECT_FALSE(starting.hasEnded());
+        system.beginning.letGo();
+        EXPECT_EQ(starting.get(), 0);
+    }
+    EXPECT_TRUE(rig.port.txRunning.isSet());
+    EXPECT_EQ(rig.port.uninitializeTransmitThread(), 0);
+    sigaction(SIGUSR1, &former, nullptr);
+}
 
 /// The thread sets its own run flag, long after the stop has cleared it.
 TEST(LateThread, StoppedBeforeItBegan_EndsAtOnce)

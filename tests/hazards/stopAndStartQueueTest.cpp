@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -96,6 +97,40 @@ TEST(FullQueueAtStop, NothingIsTakenWhileTheDeviceIsStillOpen)
     pause.place.letGo();
     EXPECT_TRUE(stopping.get());
     EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
+}
+
+/// The transmit thread has taken it and waits for its turn to write while the port is stopped. The next start sends it
+/// first, tracked or not as it was.
+TEST(FullQueueAtStop, MessageThatHasNotReachedTheDevice_GoesBackToTheFront)
+{
+    for (bool const tracked : {false, true})
+    {
+        SCOPED_TRACE(tracked);
+        portOnLine<> rig;
+        rig.port.setAcknowledgeTimeout_sec(3600.0);
+        ASSERT_TRUE(rig.port.start());
+        pthread_mutex_lock(&rig.port.sendMutex);
+        for (std::uint16_t id = 1; id <= 3; ++id)
+        {
+            rig.port.sendMessage(message(id, gssipMessage::ACK_REQ_FLAG), tracked);
+        }
+        ASSERT_TRUE(kit::waitUntil([&] { return rig.port.getNumberQueuedMessages() == 2; }));
+        callOnThread<bool> stopping([&] { return rig.port.stop(); });
+        ASSERT_TRUE(kit::waitUntil([&] { return !rig.port.serial.isOpen(); }));
+        stopping.awaitAsleep();
+        pthread_mutex_unlock(&rig.port.sendMutex);
+        EXPECT_TRUE(stopping.get());
+        EXPECT_EQ(rig.port.getNumberQueuedMessages(), 3U);
+        EXPECT_THAT(rig.events(), IsEmpty());
+        EXPECT_EQ(rig.line.readUntilQuiet(std::chrono::milliseconds(20)), bytes{});
+
+        ASSERT_TRUE(rig.port.start());
+        for (std::uint16_t id = 1; id <= 3; ++id)
+        {
+            EXPECT_EQ(rig.line.read(10), frame(id, gssipMessage::ACK_REQ_FLAG));
+        }
+        EXPECT_TRUE(rig.waitForPending(tracked ? 3 : 0));
+    }
 }
 
 void queueIds(exposedPort& port, std::uint16_t first, std::uint16_t last)

@@ -379,6 +379,27 @@ TEST(TransmitGate, ChangedHandshakeTimeout_CountsFromTheNextMessage)
     EXPECT_GE(watch.elapsed_sec(), 0.1);
 }
 
+/// Shows a handshake time-out with which nothing would ever be sent.
+class patientPort : public exposedPort
+{
+  public:
+    using exposedPort::exposedPort;
+    ~patientPort() override { stop(); }
+
+    double getHandshakeTimeout_sec() override { return withoutLimit; }
+};
+
+TEST(TransmitGate, OverriddenHandshakeTimeout_IsNotAskedByTheThread)
+{
+    portOnLine<patientPort> rig;
+    rig.port.setHandshakeTimeout_sec(0.0);
+    ASSERT_TRUE(rig.port.start());
+    rig.port.resetPortReady();
+    std::vector<gssipMessage> const two{message(1), message(2)};
+    rig.port.sendDtMessages(two.begin(), 2);
+    EXPECT_EQ(rig.line.read(20), frame(1, 0) + frame(2, 0));
+}
+
 TEST(TransmitGate, MessageClearedWhileItIsHeld_IsNotSent)
 {
     sleepingTransmitter rig(hours_sec);

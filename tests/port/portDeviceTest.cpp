@@ -13,6 +13,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -537,6 +538,21 @@ TEST(PortDeviceTransmit, FailedWrite_IsNeitherTrackedNorTriedAgain)
     sentry const lock(rig.tracker().eventQMutex);
     EXPECT_EQ(rig.tracker().eventQ.front().message.getId(), 2U);
     EXPECT_EQ(rig.tracker().nextEventId, 1U);
+}
+
+TEST(PortDeviceTracking, CharacterTimeThatCannotBeHad_IsLeftOutOfTheDeadline)
+{
+    portOnScript<> rig;
+    rig.device.byteTime_sec = 100.0;
+    rig.port.setAcknowledgeTimeout_sec(50.0);
+    timespec withIt{};
+    EXPECT_EQ(rig.port.sendAckReq.computeAckNakAbsTimeout(0.0, message(1), withIt), 0);
+    rig.device.answer("getByteTransmitTime", 19);
+    timespec without{};
+    EXPECT_EQ(rig.port.sendAckReq.computeAckNakAbsTimeout(0.0, message(1), without), 0);
+    EXPECT_NEAR(static_cast<double>(withIt.tv_sec - without.tv_sec), 1000.0, 10.0) << "ten characters";
+    EXPECT_NEAR(static_cast<double>(without.tv_sec - std::time(nullptr)), 50.0, 10.0);
+    EXPECT_THAT(rig.log.lines(), IsEmpty());
 }
 
 /// Holds whoever passes until it is let go.

@@ -607,6 +607,23 @@ TEST(TransmitThreadLifecycle, UninitializeWithoutAThread_ReturnsZero)
     EXPECT_TRUE(rig.gateIsOpen());
 }
 
+/// Two on one queue would send two messages past the gate at once, and the first could not be joined any more.
+TEST(TransmitThreadLifecycle, InitializeTwice_LeavesOneThread)
+{
+    kit::threadWatch const watch;
+    portOnLine<> rig;
+    ASSERT_EQ(rig.port.serial.open(), 0);
+    ASSERT_EQ(rig.port.initializeTransmitThread(), 0);
+    pid_t const former = watch.idOf("GP TX");
+    EXPECT_EQ(rig.port.initializeTransmitThread(), 0);
+    EXPECT_TRUE(watch.waitForAdded(1));
+    EXPECT_NE(watch.idOf("GP TX"), former);
+    rig.port.sendMessage(message(1), false);
+    EXPECT_EQ(rig.line.read(10), frame(1, 0));
+    EXPECT_EQ(rig.port.uninitializeTransmitThread(), 0);
+    EXPECT_TRUE(watch.waitForAdded(0));
+}
+
 TEST(ReceiveThreadLifecycle, InitializeAndUninitialize)
 {
     kit::threadWatch const watch;

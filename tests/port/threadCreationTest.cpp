@@ -165,6 +165,20 @@ TEST(ThreadCreation, AttributesRefused_FailTheStart)
     test.expectStartsProperly();
 }
 
+TEST(ThreadCreation, EventThreadsAttributesRefused_AreReportedAndNoThreadIsMade)
+{
+    portOnMaking test;
+    test.rig.tracker().eventThreadRunning.set();
+    test.threads.onAttributes = [](int priority, pthread_attr_t&) { return priority == transmitPriority ? 0 : 35; };
+    EXPECT_EQ(test.rig.tracker().initializeEventThread(), 35);
+    EXPECT_TRUE(test.rig.tracker().eventThreadRunning.isClear());
+    EXPECT_TRUE(test.watch.waitForAdded(0));
+    EXPECT_FALSE(test.rig.port.start());
+    EXPECT_TRUE(test.watch.waitForAdded(3)) << "the transmit thread is made all the same";
+    EXPECT_THAT(test.rig.log.lines(), testing::IsEmpty());
+    test.expectStartsProperly();
+}
+
 TEST(ThreadCreation, ThreadRefused_IsReported)
 {
     portOnMaking test;

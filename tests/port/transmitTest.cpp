@@ -549,6 +549,18 @@ TEST(TransmitThreadBody, ReturnsTheResultOfTheLastWrite)
     EXPECT_EQ(body.end(), EIO);
 }
 
+TEST(TransmitThreadBody, RequestOnAPortWithoutAReceiver_IsRegistered)
+{
+    portOnLine<> rig;
+    ASSERT_EQ(rig.port.serial.open(), 0);
+    rig.port.setAcknowledgeTimeout_sec(longTime_sec);
+    bodyOnThread body(rig.port, [&] { return long{rig.port.transmitThread()}; });
+    rig.port.sendMessage(message(1, ackRequest), true);
+    EXPECT_EQ(rig.line.read(10), frame(1, ackRequest));
+    EXPECT_TRUE(rig.waitForPending(1));
+    EXPECT_EQ(body.end(), 0);
+}
+
 TEST(TransmitThreadBody, Entry_ReturnsNull)
 {
     portOnLine<> rig;

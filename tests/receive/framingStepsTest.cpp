@@ -1,11 +1,13 @@
 #include "frames.h"
 #include "portOnLine.h"
+#include "processState.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 namespace
@@ -346,6 +348,14 @@ TEST_F(FramingSteps, HeaderMismatch_IsLoggedWhenTheSearchHasBeenResumed)
     EXPECT_TRUE(watched);
 }
 
+TEST_F(FramingSteps, HeaderMismatch_WhoseLineThrowsLeavesTheFrontInItsPlace)
+{
+    log.onLine = [] { throw std::runtime_error("no line"); };
+    have({0xFF, 0x81, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}, gssipReceive::HEADER_STATE);
+    EXPECT_THROW(receiver.processHEADER_STATE(), std::runtime_error);
+    expectLeft({9, 10, 11}, gssipReceive::SOM_STATE, true);
+}
+
 TEST_F(FramingSteps, HeaderMismatch_OneWrongBitAnywhereIsNoticed)
 {
     bytes const good = kit::frame(0x1234, 0x4321);
@@ -513,6 +523,20 @@ TEST_F(FramingSteps, Process_WithoutNewBytesLeavesTheBufferAlone)
     std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to do what it must not
     framing.lock();
     expectLeft(kit::frame(1, 0x8800), gssipReceive::SOM_STATE, false);
+}
+
+TEST_F(FramingSteps, Process_UnknownStateLeavesTheBufferAlone)
+{
+    have(kit::frame(1, 0x8800), static_cast<gssipReceive::receiveState>(7));
+    receiver.dataAvailable = false;
+    std::size_t const threads = kit::processThreads().size();
+    receiver.stopProcess = true; // the thread goes through a step once more on its way out
+    framing.unlock();
+    receiver.frameCondition.notify_one();
+    ASSERT_TRUE(kit::waitUntil([&] { return kit::processThreads().size() == threads - 1; }));
+    framing.lock();
+    expectLeft(kit::frame(1, 0x8800), static_cast<gssipReceive::receiveState>(7), false);
+    EXPECT_EQ(receiver.rxQueue.size(), 0U);
 }
 
 TEST_F(FramingSteps, Process_StoppedReturnsAtOnceAndReleasesTheMutex)

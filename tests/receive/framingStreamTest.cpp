@@ -306,6 +306,51 @@ TEST_F(FramingStream, PromisedWords_SwallowTheFramesThatFollow)
     EXPECT_EQ(receiver.rxQueue.size(), 0U);
 }
 
+/// A frame without some of its data's bytes, and two frames behind it.
+bytes streamWithBytesLost(std::ptrdiff_t lost)
+{
+    bytes damaged = kit::frame(1, 0x4000, {0x1111, 0x2222, 0x3333});
+    damaged.erase(damaged.begin() + 12, damaged.begin() + 12 + lost);
+    return damaged + kit::frame(2, 0, {7}) + kit::frame(3, 0);
+}
+
+/// It ends with the start of the next one, which stays at the front and is found there.
+TEST_F(FramingStream, ByteLostFromTheData_CostsThatMessageOnly)
+{
+    at.line.write(streamWithBytesLost(1));
+    std::vector<gssipMessage> const messages = takeMessages(3);
+    ASSERT_EQ(messages.size(), 3U);
+    EXPECT_EQ(messages[0].getId(), 1);
+    EXPECT_FALSE(messages[0].isValid());
+    EXPECT_EQ(messages[1].getData(), std::vector<std::uint16_t>{7});
+    EXPECT_TRUE(messages[1].isValid());
+    EXPECT_EQ(messages[2].getId(), 3);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(FramingStream, TwoBytesLostFromTheData_CostTheNextMessageToo)
+{
+    at.line.write(streamWithBytesLost(2));
+    std::vector<gssipMessage> const messages = takeMessages(2);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].getId(), 1);
+    EXPECT_FALSE(messages[0].isValid());
+    EXPECT_EQ(messages[1].getId(), 3);
+}
+
+TEST_F(FramingStream, ResyncFillerInsideAFrame_CountsAsItsBytes)
+{
+    bytes const whole = kit::frame(1, 0, std::vector<std::uint16_t>(12, 0x1111));
+    auto const middle = whole.begin() + 12;
+    at.line.write(bytes(whole.begin(), middle) + bytes(20, 0xFF) + kit::frame(2, 0) + kit::frame(3, 0));
+    std::vector<gssipMessage> const messages = takeMessages(2);
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].getId(), 1);
+    EXPECT_EQ(messages[0].getData().at(1), 0xFFFF);
+    EXPECT_FALSE(messages[0].isValid());
+    EXPECT_EQ(messages[1].getId(), 3) << "the end of the frame took the beginning of the next";
+}
+
 TEST_F(FramingStream, ReceiveTime_IsThatOfTheWholeFrame)
 {
     bytes const whole = kit::frame(5, 0, {1, 2, 3});

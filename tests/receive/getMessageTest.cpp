@@ -694,6 +694,24 @@ TEST_F(GetMessage, MessagesNotTaken_AreGoneAfterAStop)
     EXPECT_EQ(message.getId(), 3);
 }
 
+/// The port reads its own message back, answers it, and takes the echo of its own answer for an acknowledgement.
+TEST_F(GetMessage, EchoOfAnOwnRequest_IsReturnedAnsweredAndItsAnswersEchoSettlesIt)
+{
+    at.port.signalPortReady();
+    at.port.sendMessage(gssipMessage(9, request, 0), true);
+    ASSERT_EQ(at.line.read(10), kit::frame(9, request));
+    ASSERT_TRUE(at.waitForPending(1));
+    receive(kit::frame(9, request), 1);
+    EXPECT_EQ(get(), 0);
+    EXPECT_EQ(message.getId(), 9);
+    bytes const answer = at.line.read(10);
+    EXPECT_EQ(answer, kit::frame(9, ack));
+    receive(answer + kit::frame(5, 0), 2);
+    EXPECT_EQ(get(), 0);
+    EXPECT_EQ(message.getId(), 5);
+    EXPECT_TRUE(at.events().empty());
+}
+
 // The exchange as a whole.
 
 TEST_F(GetMessage, RequestThenAnswer_GateHoldsBackWhatIsSentMeanwhile)

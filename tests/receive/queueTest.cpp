@@ -305,6 +305,39 @@ TEST(ThreadSafeQueue, Size_DoesNotWaitForTheMutex)
     EXPECT_EQ(asked.get(), 2U);
 }
 
+TEST(ThreadSafeQueue, Pushed_CountsWhatHasEverCome)
+{
+    ThreadSafeQueue<int> queue;
+    EXPECT_EQ(queue.pushed(), 0U);
+    for (int element : {1, 2, 3})
+    {
+        queue.push(element);
+    }
+    EXPECT_EQ(queue.pushed(), 3U);
+    int taken = 0;
+    ASSERT_TRUE(queue.pop_wait(taken));
+    EXPECT_EQ(queue.pushed(), 3U);
+}
+
+TEST(ThreadSafeQueue, PopWait_TellsTheNumberOfTheElement)
+{
+    ThreadSafeQueue<int> queue;
+    int taken = 0;
+    std::uint64_t number = 0;
+    for (int element : {10, 11})
+    {
+        queue.push(element);
+    }
+    ASSERT_TRUE(queue.pop_wait(taken, number));
+    EXPECT_EQ(number, 1U);
+    queue.push(taken);
+    ASSERT_TRUE(queue.pop_wait(taken, number));
+    EXPECT_EQ(taken, 11);
+    EXPECT_EQ(number, 2U);
+    ASSERT_TRUE(queue.pop_wait(taken, number));
+    EXPECT_EQ(number, 3U);
+}
+
 TEST(ThreadSafeQueue, ManyThreads_EachElementIsTakenOnceAndInTheOrderOfItsProducer)
 {
     constexpr int producers = 3;

@@ -207,6 +207,18 @@ TEST(MessageWireFormat, EveryCountUpToTwenty_GivesSizeOfTheImage)
     }
 }
 
+TEST(MessageImage, VectorThatIsLargeEnough_IsFilledWithoutAllocating)
+{
+    gssipMessage const message = fullMessage();
+    bytes image(1000, 0xEE);
+    std::uint8_t const* const place = image.data();
+    std::size_t const made = kit::allocationsMade();
+    message.getHeaderAndDataUint8(image);
+    EXPECT_EQ(kit::allocationsMade(), made);
+    EXPECT_EQ(image.data(), place);
+    EXPECT_EQ(image, fullImage);
+}
+
 TEST(MessageSetters, EachHeaderWord_IsReadBackAndSentAtItsPlace)
 {
     gssipMessage message;
@@ -556,6 +568,18 @@ TEST(MessageClear, FullMessage_BecomesAnEmptyOne)
     EXPECT_EQ(message.getHeaderAndDataUint8(), emptyImage);
 }
 
+TEST(MessageClear, Memory_IsKeptForLaterUse)
+{
+    gssipMessage message = messageWith(1, 0, words(1000, 5));
+    std::uint16_t const* const place = message.getData().data();
+    message.clear();
+    std::size_t const made = kit::allocationsMade();
+    message.setId(2);
+    message.setDataWordSize(1000, true);
+    EXPECT_EQ(kit::allocationsMade(), made);
+    EXPECT_EQ(message.getData().data(), place);
+}
+
 TEST(MessageCopy, Construction_TakesAllMembers)
 {
     gssipMessage const source = fullMessage();
@@ -655,6 +679,19 @@ TEST(MessageMove, GrowingVector_MovesItsMessages)
 
 // The uses below of a message that was moved from are what it promises.
 // NOLINTBEGIN(bugprone-use-after-move)
+
+TEST(MessageMove, Source_IsLeftEmpty)
+{
+    gssipMessage source = fullMessage();
+    gssipMessage const target(std::move(source));
+    EXPECT_EQ(source.getHeaderAndDataUint8(), emptyImage);
+    EXPECT_TRUE(source.getData().empty());
+    gssipMessage assigned;
+    source = fullMessage();
+    assigned = std::move(source);
+    EXPECT_EQ(source.getHeaderAndDataUint8(), emptyImage);
+    EXPECT_TRUE(source.getData().empty());
+}
 
 TEST(MessageMove, SourceCleared_IsAnEmptyMessageAgain)
 {

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <gtest/gtest.h>
 #include <limits>
+#include <locale>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -106,6 +107,26 @@ TEST(StreamLog, LineWithoutTime_GetsTheMonotonicClocks)
     EXPECT_GE(time, before - 1e-6);
     EXPECT_LE(time, after + 1e-6);
     EXPECT_EQ(rest, " 4 no time given");
+}
+
+/// Writes numbers as no other locale does.
+class foreignNumbers : public std::numpunct<char>
+{
+    char do_decimal_point() const override { return ','; }
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(StreamLog, ForeignLocale_ChangesNothing)
+{
+    std::locale const foreign(std::locale::classic(), new foreignNumbers);
+    std::locale const former = std::locale::global(foreign);
+    std::ostringstream out;
+    out.imbue(foreign);
+    streamLog log(out);
+    log.log(1234567.5, 1234, "text");
+    std::locale::global(former);
+    EXPECT_EQ(out.str(), "1234567.500000 1234 text\n");
 }
 
 /// Keeps what has reached it by a flush.

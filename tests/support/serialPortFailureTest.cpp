@@ -1,15 +1,18 @@
 #include "callOnThread.h"
 #include "serialPortOnLine.h"
 #include "stopwatch.h"
+#include "systemCalls.h"
 #include "temporaryFolder.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <deque>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <poll.h>
 #include <sys/resource.h>
 #include <vector>
 
@@ -83,6 +86,112 @@ TEST_F(SerialPortFailure, HangUpInASendThatWaits_EndsIt)
     kit::transfer const ended = sending.get();
     EXPECT_EQ(ended.status, EIO);
     EXPECT_LT(ended.count, 100000U);
+}
+
+/// A driver whose reads and writes of a length that nobody else uses are answered by the test, as long as it has
+/// answers, and whose waits fail when they are told to.
+class answeringDriver : public kit::systemCalls
+{
+  public:
+    static constexpr std::size_t LENGTH = 50;
+
+    /// The result of a call, with errno when it is negative.
+    struct answer
+    {
+        ssize_t result = -1;
+        int error = 0;
+    };
+
+    ssize_t write(int descriptor, void const* data, std::size_t count) override
+    {
+        return count == LENGTH && !answers.empty() ? next() : systemCalls::write(descriptor, data, count);
+    }
+
+    ssize_t read(int descriptor, void* data, std::size_t capacity) override
+    {
+        return capacity == LENGTH && !answers.empty() ? next() : systemCalls::read(descriptor, data, capacity);
+    }
+
+    int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals) override
+    {
+        errno = ENOMEM;
+        return waitsFail ? -1 : systemCalls::ppoll(descriptors, count, limit, signals);
+    }
+
+    std::deque<answer> answers; ///< to be told before the calls
+    bool waitsFail = false;
+
+  private:
+    ssize_t next()
+    {
+        answer const given = answers.front();
+        answers.pop_front();
+        errno = given.error;
+        return given.result;
+    }
+};
+
+TEST_F(SerialPortFailure, DriverThatTakesNothingWithoutAnError_IsAFailureOfSend)
+{
+    answeringDriver driver;
+    driver.answers = {{0, 0}};
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    kit::transfer const failed = send(bytes(answeringDriver::LENGTH, 1));
+    EXPECT_EQ(failed.status, EIO);
+    EXPECT_EQ(failed.count, 0U);
+    EXPECT_EQ(send(bytes(answeringDriver::LENGTH, 1)).status, 0) << "the next one finds a driver that takes again";
+}
+
+TEST_F(SerialPortFailure, WaitForRoomThatFails_IsAFailureOfSend)
+{
+    answeringDriver driver;
+    driver.answers = {{-1, EAGAIN}};
+    driver.waitsFail = true;
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    EXPECT_EQ(send(bytes(answeringDriver::LENGTH, 1)).status, EIO);
+}
+
+TEST_F(SerialPortFailure, WriteThatFails_IsReturnedWithTheNumberWritten)
+{
+    answeringDriver driver;
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    for (int const error : {ENOSPC, EFBIG, ENODEV})
+    {
+        driver.answers = {{-1, EINTR}, {-1, error}};
+        kit::transfer const failed = send(bytes(answeringDriver::LENGTH, 1));
+        EXPECT_EQ(failed.status, error);
+        EXPECT_EQ(failed.count, 0U);
+        EXPECT_TRUE(driver.answers.empty()) << "interrupted, it is tried again; failed, it is not";
+    }
+    EXPECT_EQ(line.readUntilQuiet(), bytes{});
+}
+
+TEST_F(SerialPortFailure, ReadThatFindsNothingAfterAll_GoesOn)
+{
+    answeringDriver driver;
+    driver.answers = {{-1, EINTR}, {-1, EAGAIN}};
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    line.write({1, 2, 3});
+    kit::transfer const result = receive(answeringDriver::LENGTH);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.data, (bytes{1, 2, 3}));
+    EXPECT_TRUE(driver.answers.empty());
+}
+
+TEST_F(SerialPortFailure, ReadThatFails_IsReturnedAsItIs)
+{
+    answeringDriver driver;
+    driver.answers = {{-1, ENODEV}};
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    line.write({1});
+    kit::transfer const result = receive(answeringDriver::LENGTH);
+    EXPECT_EQ(result.status, ENODEV);
+    EXPECT_EQ(result.count, 0U);
 }
 
 TEST_F(SerialPortFailure, SettingsAfterAHangUp_FailAndLeaveTheFormerOnes)

@@ -1,8 +1,10 @@
 #include "callOnThread.h"
+#include "checkpoint.h"
 #include "processState.h"
 #include "serialPortOnLine.h"
 #include "stopwatch.h"
 #include "systemCalls.h"
+#include "threadCalls.h"
 #include "waitUntil.h"
 
 #include <algorithm>
@@ -518,6 +520,123 @@ TEST_F(SerialPortLife, ObjectDestroyedWhileItsAdapterStillCloses_LeavesNothingBe
     EXPECT_TRUE(kit::waitUntil([&] { return adapter.isClosed.load(); }));
     EXPECT_TRUE(threads.waitForAdded(0));
     EXPECT_FALSE(kit::holdsOpen(line.name()));
+}
+
+/// A system that has no thread for one of its callers.
+class noThreadForOne : public kit::threadCalls
+{
+  public:
+    int create(pthread_t& thread, pthread_attr_t const* attributes, kit::threadEntry entry, void* argument) override
+    {
+        return gettid() == refused ? EAGAIN : threadCalls::create(thread, attributes, entry, argument);
+    }
+
+    std::atomic<pid_t> refused{0};
+};
+
+TEST_F(SerialPortLife, CloseOfAnAdapterWithoutAHelper_IsFinishedByTheCaller)
+{
+    stuckAdapter adapter(line.name(), false);
+    kit::systemReplaced const replaced(adapter);
+    noThreadForOne threads;
+    kit::threadCallsReplaced const threadsReplaced(threads);
+    ASSERT_EQ(port.open(), 0);
+    kit::callOnThread<int> closing([&] {
+        threads.refused = gettid();
+        return port.close();
+    });
+    EXPECT_TRUE(kit::waitUntil([&] { return adapter.closingThread != 0; }));
+    EXPECT_EQ(adapter.closingThread, threads.refused);
+    EXPECT_FALSE(closing.hasEnded());
+    adapter.queued = 0;
+    EXPECT_EQ(closing.get(), 0);
+    EXPECT_EQ(port.open(), 0) << "nobody is closing it any more";
+}
+
+/// Closes every file, and tells something else of one device.
+class lyingClose : public kit::systemCalls
+{
+  public:
+    lyingClose(std::string deviceName, int errorNumber) : name(std::move(deviceName)), error(errorNumber) {}
+
+    int close(int descriptor) override
+    {
+        std::error_code none;
+        bool const isTheDevice =
+            std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), none) == name;
+        int const result = systemCalls::close(descriptor);
+        if (isTheDevice)
+        {
+            errno = error;
+            return -1;
+        }
+        return result;
+    }
+
+  private:
+    std::string const name;
+    int const error;
+};
+
+TEST_F(SerialPortLife, CloseThatFails_IsToldAndTheDeviceIsClosed)
+{
+    lyingClose system(line.name(), EIO);
+    kit::systemReplaced const replaced(system);
+    for (int times = 0; times < 2; ++times)
+    {
+        ASSERT_EQ(port.open(), 0);
+        EXPECT_EQ(port.close(), EIO);
+        EXPECT_FALSE(port.isOpen());
+        EXPECT_FALSE(kit::holdsOpen(line.name()));
+        EXPECT_EQ(port.close(), 0) << "closed already";
+    }
+}
+
+TEST_F(SerialPortLife, CloseThatIsInterrupted_IsNoFailure)
+{
+    lyingClose system(line.name(), EINTR);
+    kit::systemReplaced const replaced(system);
+    ASSERT_EQ(port.open(), 0);
+    EXPECT_EQ(port.close(), 0);
+    EXPECT_FALSE(port.isOpen());
+}
+
+/// Takes one byte of a message, late, and counts the wake-ups that others give meanwhile.
+class lateDriver : public kit::systemCalls
+{
+  public:
+    static constexpr std::size_t LENGTH = 100;
+
+    ssize_t write(int descriptor, void const* data, std::size_t count) override
+    {
+        wakeUps += count == sizeof(std::uint64_t) ? 1 : 0;
+        if (count != LENGTH)
+        {
+            return systemCalls::write(descriptor, data, count);
+        }
+        place.pass();
+        return systemCalls::write(descriptor, data, 1);
+    }
+
+    kit::checkpoint place;
+    std::atomic<int> wakeUps{0};
+};
+
+TEST_F(SerialPortLife, SenderThatIsCutOffDuringAWrite_BeginsNoOther)
+{
+    lateDriver driver;
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    kit::callOnThread<kit::transfer> sending([this] { return send(bytes(lateDriver::LENGTH, 7)); });
+    driver.place.awaitArrival();
+    kit::callOnThread<int> closing([this] { return port.close(); });
+    EXPECT_TRUE(kit::waitUntil([&] { return driver.wakeUps == 2; })) << "of readers, and then of writers: the cut";
+    driver.place.letGo();
+    kit::transfer const cut = sending.get();
+    EXPECT_EQ(cut.status, EBADF);
+    EXPECT_EQ(cut.count, 1U);
+    EXPECT_EQ(closing.get(), 0);
+    EXPECT_EQ(line.readUntilQuiet(), bytes{7});
 }
 
 TEST_F(SerialPortLife, CloseOfABlockedLine_DropsWhatTheDriverHolds)

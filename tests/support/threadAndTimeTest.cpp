@@ -13,6 +13,8 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <ctime>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <iterator>
@@ -205,6 +207,25 @@ TEST(MutexFunctions, Misuse_GivesTheSystemsErrorNumber)
 
 #endif
 
+thread_local bool clockFails = false;
+
+} // namespace
+
+/// Stands in front of the C library's: no clock of an ordinary machine fails.
+extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    static auto* const real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    if (clockFails)
+    {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    return real(clock, time);
+}
+
+namespace
+{
+
 timespec now()
 {
     timespec result{};
@@ -346,6 +367,19 @@ TEST(DoubleToTimespec, NotANumber_LeavesTheDeadlineUnchanged)
         EXPECT_EQ(deadline.tv_sec, 12);
         EXPECT_EQ(deadline.tv_nsec, 34);
     }
+}
+
+TEST(DoubleToTimespec, ClockThatCannotBeRead_IsReportedAndLeavesTheDeadline)
+{
+    timespec deadline{};
+    deadline.tv_sec = 12;
+    deadline.tv_nsec = 34;
+    clockFails = true;
+    int const status = doubleToTimespec(1.0, deadline);
+    clockFails = false;
+    EXPECT_EQ(status, EOVERFLOW);
+    EXPECT_EQ(deadline.tv_sec, 12);
+    EXPECT_EQ(deadline.tv_nsec, 34);
 }
 
 /// Waits, on a condition that nobody signals, as a user of the deadline does.

@@ -1,8 +1,10 @@
 #include "wakeableDescriptor.h"
 
 #include "callOnThread.h"
+#include "checkpoint.h"
 #include "monotonicTime.h"
 #include "stopwatch.h"
+#include "systemCalls.h"
 
 #include <array>
 #include <atomic>
@@ -227,6 +229,39 @@ TEST_F(WakeableDescriptor, Reopening_ForgetsAnInterruption)
     device.waitForUsers();
     ASSERT_EQ(device.adopt(device.release()), 0);
     EXPECT_EQ(waitAs(role::reader, POLLIN, monotonicNow_ns() + NS_PER_MS), ending::timeout);
+}
+
+/// Holds back the first thread whose wait has been woken by its event, before it has looked why.
+class lateLooker : public kit::systemCalls
+{
+  public:
+    int ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals) override
+    {
+        int const result = systemCalls::ppoll(descriptors, count, limit, signals);
+        if (result > 0 && descriptors[1].revents != 0)
+        {
+            place.pass();
+        }
+        return result;
+    }
+
+    kit::checkpoint place;
+};
+
+TEST_F(WakeableDescriptor, InterruptionTakenByAPause_DoesNotEndTheWait)
+{
+    lateLooker system;
+    kit::systemReplaced const replaced(system);
+    kit::callOnThread<ending> waiting([this] { return waitAs(role::reader, POLLIN, NEVER_NS); });
+    waiting.awaitAsleep();
+    device.interruptReader();
+    system.place.awaitArrival();
+    EXPECT_EQ(device.pause(0, NEVER_NS), ending::interrupted);
+    system.place.letGo();
+    waiting.awaitAsleep();
+    EXPECT_FALSE(waiting.hasEnded());
+    makeReadable();
+    EXPECT_EQ(waiting.get(), ending::ready);
 }
 
 TEST_F(WakeableDescriptor, Pause_EndsAtTheDeadlineAndNotBefore)

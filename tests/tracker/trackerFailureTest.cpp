@@ -1,119 +1,14 @@
 #include "portOnLine.h"
 #include "processState.h"
+#include "refusals.h"
 
 #include <cerrno>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <pthread.h>
 #include <string>
 
 /// \file
-/// What becomes of the tracker when the system refuses it something. This program stands between the library and the
-/// system for the calls below.
-
-namespace
-{
-
-/// The errors that the calling thread's next calls fail with; 0 lets them through.
-struct refusals
-{
-    int conditionInit = 0;
-    int mutexInit = 0;
-    int conditionDestroy = 0;
-    int mutexDestroy = 0;
-    int attributesInit = 0;
-    int attributesDestroy = 0;
-    int create = 0; ///< of the tracker's thread only
-    int name = 0;
-
-    unsigned mutexesAsked = 0; ///< made or destroyed, refused or not
-};
-
-thread_local refusals refuse;
-
-// A sanitizer's runtime makes these calls too, on threads that are not ready for instrumented code yet.
-#define UNINSTRUMENTED __attribute__((no_sanitize("thread")))
-
-/// What the call would have reached without this program between; looked up once.
-template <typename Function>
-UNINSTRUMENTED Function* systemCall(void*& known, char const* name)
-{
-    void* found = __atomic_load_n(&known, __ATOMIC_RELAXED);
-    if (found == nullptr)
-    {
-        found = dlsym(RTLD_NEXT, name);
-        __atomic_store_n(&known, found, __ATOMIC_RELAXED);
-    }
-    return reinterpret_cast<Function*>(found);
-}
-
-} // namespace
-
-extern "C" UNINSTRUMENTED int pthread_cond_init(pthread_cond_t* condition,
-                                                pthread_condattr_t const* attributes) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_cond_t*, pthread_condattr_t const*);
-    return refuse.conditionInit != 0 ? refuse.conditionInit
-                                     : systemCall<call>(known, "pthread_cond_init")(condition, attributes);
-}
-
-extern "C" UNINSTRUMENTED int pthread_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t const* attributes) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_mutex_t*, pthread_mutexattr_t const*);
-    ++refuse.mutexesAsked;
-    return refuse.mutexInit != 0 ? refuse.mutexInit : systemCall<call>(known, "pthread_mutex_init")(mutex, attributes);
-}
-
-extern "C" UNINSTRUMENTED int pthread_cond_destroy(pthread_cond_t* condition) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_cond_t*);
-    return refuse.conditionDestroy != 0 ? refuse.conditionDestroy
-                                        : systemCall<call>(known, "pthread_cond_destroy")(condition);
-}
-
-extern "C" UNINSTRUMENTED int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_mutex_t*);
-    ++refuse.mutexesAsked;
-    return refuse.mutexDestroy != 0 ? refuse.mutexDestroy : systemCall<call>(known, "pthread_mutex_destroy")(mutex);
-}
-
-extern "C" UNINSTRUMENTED int pthread_attr_init(pthread_attr_t* attributes) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_attr_t*);
-    return refuse.attributesInit != 0 ? refuse.attributesInit
-                                      : systemCall<call>(known, "pthread_attr_init")(attributes);
-}
-
-extern "C" UNINSTRUMENTED int pthread_attr_destroy(pthread_attr_t* attributes) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_attr_t*);
-    return refuse.attributesDestroy != 0 ? refuse.attributesDestroy
-                                         : systemCall<call>(known, "pthread_attr_destroy")(attributes);
-}
-
-extern "C" UNINSTRUMENTED int pthread_create(pthread_t* id, pthread_attr_t const* attributes, void* (*entry)(void*),
-                                             void* argument) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
-    bool const refused = refuse.create != 0 && entry == gssipSendAckReq::callEventThread;
-    return refused ? refuse.create : systemCall<call>(known, "pthread_create")(id, attributes, entry, argument);
-}
-
-extern "C" UNINSTRUMENTED int pthread_setname_np(pthread_t id, char const* name) noexcept
-{
-    static void* known = nullptr;
-    using call = int(pthread_t, char const*);
-    return refuse.name != 0 ? refuse.name : systemCall<call>(known, "pthread_setname_np")(id, name);
-}
+/// What becomes of the tracker when the system refuses it something.
 
 namespace
 {
@@ -122,6 +17,8 @@ class TrackerFailure : public testing::Test
 {
   protected:
     void TearDown() override { refuse = {}; }
+
+    kit::refusals& refuse = kit::refusedHere();
 
     void expectOnlyLine(std::string const& text)
     {
