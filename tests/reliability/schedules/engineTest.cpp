@@ -203,7 +203,7 @@ TEST_P(Engine, ConditionLookedAtAgain_NothingFoundThoughWaitsEndForNothing)
 {
     std::optional<finding> const found = find([](scheduler& schedule) { consume(schedule, true); }, FEW,
                                               [](dice&) {
-                                                  return liberties{0, 5, 0, false, false};
+                                                  return liberties{0, 5, 0, false, false, false};
                                               });
     EXPECT_FALSE(found) << found->result.fault;
 }
@@ -304,7 +304,7 @@ TEST_P(Engine, EarlyTime_LetsADeadlineComeWhileAThreadCouldGoOn)
         other.join();
     };
     EXPECT_FALSE(find(program));
-    EXPECT_TRUE(find(program, FEW, [](dice&) { return liberties{3, 0, 0, false, false}; }));
+    EXPECT_TRUE(find(program, FEW, [](dice&) { return liberties{3, 0, 0, false, false, false}; }));
 }
 
 TEST_P(Engine, CreationThatIsToFail_Fails)
@@ -482,7 +482,7 @@ std::string receive(int descriptor, std::size_t count)
 
 TEST_P(Engine, Line_CarriesBytesInOrderAndAtItsPace)
 {
-    outcome const result = run(planOf(1), {0, 0, 100, false, false}, [](scheduler& schedule) {
+    outcome const result = run(planOf(1), {0, 0, 100, false, false, false}, [](scheduler& schedule) {
         lineTraits traits;
         traits.isPseudoTerminal = false;
         traits.characterTime_ns = 1'000'000;

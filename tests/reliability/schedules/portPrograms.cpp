@@ -28,6 +28,7 @@ liberties drawLiberties(dice& chance)
     allowed.shortTransfers = chance.onceIn(3) ? static_cast<unsigned>(chance.below(20)) : 0;
     allowed.realTimeRefused = chance.onceIn(2);
     allowed.clocksAreSteps = chance.onceIn(4);
+    allowed.atomicsAreSteps = !chance.onceIn(4);
     return allowed;
 }
 

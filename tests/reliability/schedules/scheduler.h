@@ -43,6 +43,7 @@ struct liberties
     unsigned shortTransfers = 0;  ///< a read or a write takes less than it could
     bool realTimeRefused = false; ///< creating a thread with real-time scheduling fails with EPERM
     bool clocksAreSteps = false;  ///< another thread may go on at each reading of a clock, too
+    bool atomicsAreSteps = false; ///< and at each atomic operation, of code that tells (see atomicCalls.cpp)
 };
 
 /// How a schedule ended.
@@ -153,6 +154,7 @@ class scheduler
     bool mayTransferLess();
     bool refusesRealTime() const { return allowance.realTimeRefused; }
     bool clockIsStep() const { return allowance.clocksAreSteps; }
+    bool atomicIsStep() const { return allowance.atomicsAreSteps; }
     dice& schedulersChance() { return ownChance; }
     std::string story() const;
 
