@@ -36,7 +36,8 @@ auto makeEnds(options const& asked, Make const& make)
 
 inline pairOf<portEnd> makePorts(options const& asked)
 {
-    return makeEnds(asked, [](lineUnderTest const& line, place end) -> portEnd& { return *new portEnd(line.nameAt(end)); });
+    return makeEnds(asked,
+                    [](lineUnderTest const& line, place end) -> portEnd& { return *new portEnd(line.nameAt(end)); });
 }
 
 /// `bytes` go from the near end to the far one, `bytesBack` the other way.

@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <system_error>
 #include <termios.h>
@@ -58,6 +60,11 @@ terminal makeTerminal()
     return made;
 }
 
+bool isMaster(struct stat const& status)
+{
+    return S_ISCHR(status.st_mode) && status.st_rdev == makedev(5, 2);
+}
+
 void passOn(int from, int to)
 {
     std::thread([from, to] {
@@ -71,9 +78,10 @@ void passOn(int from, int to)
 
 } // namespace
 
-// A master side has no name in the file system by which a second user could open it. These two definitions stand in
-// front of the C library's, for every caller in the process: a name made below opens the master that exists, and a
-// master looks like the pseudo-terminal device that it is to those who ask (its own device number is another's).
+// A master side has no name in the file system by which a second user could open it. These definitions stand in front
+// of the C library's, for every caller in the process: a name made below opens the master that exists; a master looks
+// like the pseudo-terminal that it is a side of (its own device number is that of all masters), and has a lock of its
+// own (all masters are one file, and would share one).
 
 extern "C" int open(char const* name, int flags, ...)
 {
@@ -96,11 +104,18 @@ extern "C" int open(char const* name, int flags, ...)
 extern "C" int fstat(int descriptor, struct stat* status) noexcept
 {
     int const result = fstatat(descriptor, "", status, AT_EMPTY_PATH);
-    if (result == 0 && S_ISCHR(status->st_mode) && status->st_rdev == makedev(5, 2))
+    if (result == 0 && isMaster(*status))
     {
         status->st_rdev = makedev(136, 0);
     }
     return result;
+}
+
+extern "C" int flock(int descriptor, int operation) noexcept
+{
+    struct stat status = {};
+    bool const isOwnFile = fstatat(descriptor, "", &status, AT_EMPTY_PATH) == 0 && !isMaster(status);
+    return isOwnFile ? static_cast<int>(syscall(SYS_flock, descriptor, operation)) : 0;
 }
 
 namespace bench

@@ -19,6 +19,10 @@ bench::measurements allMeasurements()
     bench::measurements all;
     bench::addRoundTrips(all);
     bench::addStreams(all);
+    bench::addManyPorts(all);
+    bench::addPeers(all);
+    bench::addThreads(all);
+    bench::addLateness(all);
     return all;
 }
 

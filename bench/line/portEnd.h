@@ -2,12 +2,12 @@
 #define BENCH_PORTEND_H
 
 #include "gssipPort.h"
+#include "messageOf.h"
 #include "monotonicTimeStamp.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -17,17 +17,6 @@ namespace bench
 
 /// Acknowledgement time-out of ports whose messages must not be resent while they are measured.
 constexpr double PATIENT_SEC = 300.0;
-
-constexpr std::size_t HEADER_ONLY_BYTES = 10;
-
-/// A message that has that many bytes on the line.
-inline gssipMessage messageOf(std::size_t bytes, std::uint16_t id, std::uint16_t flags)
-{
-    std::size_t const words = bytes <= HEADER_ONLY_BYTES ? 0 : bytes / 2 - 6;
-    gssipMessage message(id, flags, static_cast<std::uint16_t>(words));
-    std::iota(message.getData().begin(), message.getData().end(), std::uint16_t{1});
-    return message;
-}
 
 /// The library as an application uses it. The port ends with the process.
 class portEnd : public gssipPort
@@ -48,7 +37,7 @@ class portEnd : public gssipPort
     portEnd(portEnd const&) = delete;
     portEnd& operator=(portEnd const&) = delete;
 
-    static gssipMessage make(std::size_t bytes) { return messageOf(bytes, 7, 0); }
+    static gssipMessage make(std::size_t bytes) { return messageOf(bytes); }
 
     void send(gssipMessage const& toSend) { sendMessage(toSend, true); }
     using gssipPort::send;

@@ -1,68 +1,13 @@
 // As many messages as the line takes: plain, tracked, long ones, and ready frames into a receiver.
 
-#include "ends.h"
+#include "stream.h"
 
 #include <deque>
-#include <future>
 
 namespace bench
 {
 namespace
 {
-
-figures streamFigures(std::size_t count, std::int64_t time_ns, std::int64_t processor_ns)
-{
-    auto const messages = static_cast<double>(count);
-    return {{"rate_per_sec", messages * 1e9 / static_cast<double>(time_ns)},
-            {"cpu_ns", static_cast<double>(processor_ns) / messages}};
-}
-
-/// Lets `send` go on until `awaitEnd` returns.
-template <typename Send, typename AwaitEnd>
-figures timeStream(std::size_t count, Send const& send, AwaitEnd const& awaitEnd)
-{
-    std::int64_t const processorBefore_ns = processorTime_ns();
-    std::int64_t const start_ns = now_ns();
-    for (std::size_t i = 0; i < count; ++i)
-    {
-        send(i);
-    }
-    awaitEnd();
-    return streamFigures(count, now_ns() - start_ns, processorTime_ns() - processorBefore_ns);
-}
-
-/// Tells when so many have come.
-class arrivals
-{
-  public:
-    explicit arrivals(std::size_t countToExpect) : expected(countToExpect) {}
-
-    void one()
-    {
-        if (++seen == expected)
-        {
-            all.set_value();
-        }
-    }
-
-    void await() { all.get_future().wait(); }
-
-  private:
-    std::size_t const expected;
-    std::size_t seen = 0;
-    std::promise<void> all;
-};
-
-template <typename End>
-figures stream(pairOf<End> ends, typename End::message const& message, std::size_t count)
-{
-    arrivals received(count);
-    threadOn(place::farEnd, [&] {
-        forEachReceived(ends.far, [&](typename End::message const&) { received.one(); });
-    }).detach();
-    return timeStream(
-        count, [&](std::size_t) { ends.near.send(message); }, [&] { received.await(); });
-}
 
 /// Writes acknowledgements at the far end so that as many messages as asked for are always without one.
 class lateAcknowledgements
@@ -142,10 +87,7 @@ figures repliedStreamOfRawK3(options const& asked)
 /// The frames of so many messages, as they stand on a line.
 std::vector<std::uint8_t> readyFrames(options const& asked)
 {
-    gssipMessage message = messageOf(asked.bytes, 7, 0);
-    message.setHeaderChecksum();
-    message.setDataChecksum();
-    std::vector<std::uint8_t> const frame = message.getHeaderAndDataUint8();
+    std::vector<std::uint8_t> const frame = messageOf(asked.bytes).getHeaderAndDataUint8();
     std::vector<std::uint8_t> frames;
     frames.reserve(asked.count * frame.size());
     for (std::size_t i = 0; i < asked.count; ++i)

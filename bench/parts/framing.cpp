@@ -1,7 +1,7 @@
 // Framing from memory.
 
-#include "frames.h"
 #include "memoryReceiver.h"
+#include "messageOf.h"
 #include "scanQueue.h"
 #include "timing.h"
 
@@ -97,6 +97,17 @@ class copied
     material const what;
     std::vector<std::uint8_t> copy;
 };
+
+/// As many copies as fit into that many bytes, at least one.
+std::vector<std::uint8_t> repeated(std::vector<std::uint8_t> const& piece, std::size_t bytes)
+{
+    std::vector<std::uint8_t> all;
+    do
+    {
+        all.insert(all.end(), piece.begin(), piece.end());
+    } while (all.size() + piece.size() <= bytes);
+    return all;
+}
 
 material framesOf(std::size_t frameBytes, std::size_t backlog)
 {

@@ -1,6 +1,6 @@
 // Wire images and checksums.
 
-#include "frames.h"
+#include "messageOf.h"
 #include "timing.h"
 
 #include <cstring>

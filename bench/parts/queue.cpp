@@ -1,7 +1,7 @@
 // The transmit queue, without a thread that takes from it.
 
-#include "frames.h"
 #include "gssipPort.h"
+#include "messageOf.h"
 #include "monotonicTimeStamp.h"
 #include "timing.h"
 

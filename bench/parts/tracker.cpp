@@ -1,8 +1,8 @@
 // What awaits acknowledgement, without the thread that resends.
 
-#include "frames.h"
 #include "gssipPort.h"
 #include "gssipSendAckReq.h"
+#include "messageOf.h"
 #include "monotonicTimeStamp.h"
 #include "timing.h"
 
@@ -50,8 +50,8 @@ class trackerOfPort
   private:
     struct exposed : gssipSendAckReq
     {
-        using gssipSendAckReq::gssipSendAckReq;
         using gssipSendAckReq::eventQ;
+        using gssipSendAckReq::gssipSendAckReq;
     };
 
     monotonicTimeStamp clock;

@@ -98,7 +98,9 @@ def line_cases():
                 shown("cpu_ns", "CPU"),
             ),
             peers={
-                "raw-write": line("roundTrip", "rawWrite", 2000),
+                "raw-write": line("roundTrip", "rawWrite", 1000),
+                "asio": line("roundTrip", "asio", 1000),
+                "modbus RTU": line("roundTrip", "modbus", 500),
             },
         ),
         Case(
@@ -125,7 +127,10 @@ def line_cases():
                 at_least("rate_per_sec", "rate", 0.95, 0.65),
                 at_most("cpu_ns", "CPU a message", 1.15, 1.5),
             ),
-            peers={"raw-write": line("stream", "rawWrite", 20000)},
+            peers={
+                "raw-write": line("stream", "rawWrite", 20000),
+                "asio": line("stream", "asio", 20000),
+            },
         ),
         Case(
             "stream with acknowledgement",
@@ -151,6 +156,44 @@ def line_cases():
             "burst of ready frames",
             **pair("burst", 40000),
             targets=(at_least("rate_per_sec", "rate", 0.8), at_most("cpu_ns", "CPU a message", 1.3)),
+        ),
+        Case(
+            "idle",
+            port=line("idle", "port", 1),
+            floor=None,
+            targets=(at_most("switches_per_sec", "context switches a second", 0.0, of_floor=False),),
+        ),
+        Case(
+            "resend",
+            port=line("lateness", "port", 60),
+            floor=line("lateness", "wait", 60),
+            targets=(
+                at_most("p50_ns", "lateness p50, against a wait + 150 us", 1.0, plus=150_000),
+                at_least("earliest_ns", "earliest, ns after the deadline", 0.0, of_floor=False),
+            ),
+        ),
+        Case(
+            "start and stop",
+            port=line("startAndStop", "port", 30),
+            floor=line("startAndStop", "threads", 30),
+            targets=(
+                at_most("start_ns", "start, against four threads made", 2.5),
+                at_most("stop_ns", "stop, against four threads joined", 2.5),
+            ),
+        ),
+        *(
+            Case(
+                f"memory, {ports} port{'s' if ports > 1 else ''}",
+                port=line("memory", "port", 1, ports=ports),
+                floor=line("memory", "threads", 1, ports=ports),
+                targets=(at_most("port_bytes", "bytes a port", 1.25),),
+            )
+            for ports in (1, 100)
+        ),
+        Case(
+            "100 ports",
+            **pair("manyPorts", 40, ports=100),
+            targets=(at_most("cpu_ns", "CPU a message", 1.2),),
         ),
     ]
 
@@ -212,3 +255,85 @@ def part_cases():
         for size in SIZES
     ]
     return cases
+
+
+@dataclass(frozen=True)
+class Curve:
+    """How a cost grows: for each size the port and its floor, in units of what one run does."""
+
+    key: str  # of the file
+    title: str
+    x_title: str
+    y_title: str
+    figure: str
+    points: tuple  # (size, port, floor, how much of what is counted one run does)
+
+    def case(self, size, port, floor):
+        return Case(f"{self.title}, {size}", port, floor, targets=(), schedulings=(ORDINARY,))
+
+    def cases(self):
+        return [self.case(size, port, floor) for size, port, floor, _ in self.points]
+
+
+def part_curve(key, title, x_title, y_title, subject, floor, sizes, units):
+    points = tuple((size, part(f"{subject}/port/{size}"), part(f"{subject}/{floor}/{size}"), units(size)) for size in sizes)
+    return Curve(key, title, x_title, y_title, "time_ns", points)
+
+
+MESSAGE_BYTES = (10, 42, 266, 1034, 4106, 16394, 65546, 131082)
+STREAM_BYTES = 2_000_000
+MOST_STREAMED = 5000
+PORTS = (2, 4, 10, 20, 50, 100)
+MANY_PORTS_MESSAGES = 2000
+TRACKER_CALLS = 4  # in one run of a part
+
+
+def streamed(size):
+    return min(MOST_STREAMED, STREAM_BYTES // size)
+
+
+def curves():
+    depth = "messages queued"
+    pending = "requests pending"
+    return [
+        part_curve("enqueue", "enqueue", depth, "ns a message", "enqueue", "deque", SIZES, lambda size: size),
+        part_curve("removal", "removal by id", depth, "ns a message", "removal", "deque", SIZES, lambda size: size),
+        part_curve("clear", "clear", depth, "ns a message", "clear", "deque", SIZES, lambda size: size),
+        *(
+            part_curve(key, title, pending, "ns", subject, "deque", SIZES, lambda _: TRACKER_CALLS)
+            for key, title, subject in (
+                ("registration", "registration in order", "registration"),
+                ("late-registration", "registration out of order", "lateRegistration"),
+                ("acknowledgement", "ACK of the oldest", "acknowledgement"),
+            )
+        ),
+        part_curve(
+            "backlog",
+            "framing",
+            "bytes behind",
+            "ns a byte",
+            "backlog",
+            "scanQueue",
+            tuple(KIB << power for power in range(2, 9)),
+            lambda size: size,
+        ),
+        Curve(
+            "message-size",
+            "stream",
+            "bytes a message",
+            "CPU ns a byte",
+            "cpu_ns",
+            tuple((size, *pair("stream", streamed(size), bytes=size).values(), size) for size in MESSAGE_BYTES),
+        ),
+        Curve(
+            "ports",
+            "ports at the same time",
+            "ports",
+            "CPU ns a message",
+            "cpu_ns",
+            tuple(
+                (ports, *pair("manyPorts", max(20, MANY_PORTS_MESSAGES // ports), ports=ports).values(), 1)
+                for ports in PORTS
+            ),
+        ),
+    ]

@@ -9,38 +9,82 @@ import re
 import sys
 
 import plan
+import plots
 import runner
 import table
+
+TABLE_BEGIN = "<!-- figures: written by scripts/bench --document -->"
+TABLE_END = "<!-- end of figures -->"
 
 
 def read_command_line():
     parser = argparse.ArgumentParser(prog="bench", description=__doc__)
     parser.add_argument("--programs", required=True, help="folder of the benchmark programs")
-    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--rounds", type=int, default=5, help="of what is compared with a target")
+    parser.add_argument("--curve-rounds", type=int, default=2, help="of the growth curves; 0 for none")
     parser.add_argument("--only", default="", help="regular expression for the names of what is measured")
     parser.add_argument("--line", choices=("hook", "relay"), default="hook", help="what joins the two ends")
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1 << 31), help="of the order")
     parser.add_argument("--output", default="bench.json", help="file for all figures")
+    parser.add_argument("--plots", metavar="FOLDER", help="write the growth curves there")
     parser.add_argument("--compare", metavar="FILE", help="show gains and losses against the figures in that file")
+    parser.add_argument("--document", metavar="FILE", help="put the table into this document")
     return parser.parse_args()
+
+
+def schedulings():
+    if runner.may_use_real_time():
+        return [plan.REAL_TIME, plan.ORDINARY]
+    print("No right to real-time scheduling: measuring without it only.", file=sys.stderr)
+    return [plan.ORDINARY]
+
+
+def save(asked, rows, results):
+    raw = {f"{key}, {scheduling}": figures for (key, scheduling), figures in results.items()}
+    with open(asked.output, "w", encoding="utf-8") as file:
+        json.dump({"seed": asked.seed, "line": asked.line, "rows": rows, "figures": raw}, file, indent=1)
+
+
+def save_plots(folder, curves, results):
+    os.makedirs(folder, exist_ok=True)
+    for curve in curves:
+        image = plots.svg(curve, results)
+        if image is not None:
+            with open(os.path.join(folder, f"{curve.key}.svg"), "w", encoding="utf-8") as file:
+                file.write(image)
+
+
+def put_into(document, rows):
+    with open(document, encoding="utf-8") as file:
+        before, rest = file.read().split(TABLE_BEGIN)
+    after = rest.split(TABLE_END)[1]
+    with open(document, "w", encoding="utf-8") as file:
+        file.write(f"{before}{TABLE_BEGIN}\n{table.markdown(rows)}\n{TABLE_END}{after}")
 
 
 def main():
     asked = read_command_line()
-    schedulings = [plan.ORDINARY]
-    if runner.may_use_real_time():
-        schedulings.insert(0, plan.REAL_TIME)
-    else:
-        print("No right to real-time scheduling: measuring without it only.", file=sys.stderr)
-    cases = [case for case in plan.line_cases() + plan.part_cases() if re.search(asked.only, case.key)]
-    results = runner.run_all(
-        runner.Programs(asked.programs, asked.line), cases, asked.rounds, asked.seed, schedulings, os.isatty(2)
+    programs = runner.Programs(asked.programs, asked.line)
+    wanted = re.compile(asked.only)
+    cases = [case for case in plan.line_cases() + plan.part_cases() if wanted.search(case.key)]
+    curves = [curve for curve in plan.curves() if wanted.search(curve.title)]
+    curve_cases = [case for curve in curves for case in curve.cases()]
+
+    results = runner.run_all(programs, cases, asked.rounds, asked.seed, schedulings(), os.isatty(2))
+    results.update(
+        runner.run_all(programs, curve_cases, asked.curve_rounds, asked.seed, [plan.ORDINARY], os.isatty(2))
     )
     rows = list(table.rows(cases, results))
     print(table.text(rows))
-    with open(asked.output, "w", encoding="utf-8") as file:
-        raw = {f"{key}, {scheduling}": figures for (key, scheduling), figures in results.items()}
-        json.dump({"seed": asked.seed, "line": asked.line, "rows": rows, "figures": raw}, file, indent=1)
+    print(f"\nMedians of the figures themselves, which mean nothing outside this run:\n{table.peers(cases, results)}")
+    save(asked, rows, results)
+    if asked.compare:
+        with open(asked.compare, encoding="utf-8") as file:
+            print(f"\nAgainst {asked.compare}:\n{table.comparison(json.load(file)['rows'], rows)}")
+    if asked.plots:
+        save_plots(asked.plots, curves, results)
+    if asked.document:
+        put_into(asked.document, rows)
     return 1 if any(row.get("failed") for row in rows) else 0
 
 

@@ -21,9 +21,9 @@ class Programs:
         if run.program == "line":
             joint = ["--line", self.line]
             real_time = ["--real-time"] if scheduling == REAL_TIME else []
-            return [os.path.join(self.folder, "line", "gssip-bench-line"), *run.arguments, *joint, *real_time]
+            return [os.path.join(self.folder, "gssip-bench-line"), *run.arguments, *joint, *real_time]
         return [
-            os.path.join(self.folder, "parts", "gssip-bench-parts"),
+            os.path.join(self.folder, "gssip-bench-parts"),
             f"--benchmark_filter=^{run.arguments[0]}$",
             "--benchmark_format=json",
             "--benchmark_min_time=0.03",
@@ -36,7 +36,7 @@ def figures_of(run, output):
         result = figures["benchmarks"][0]
         if "error_message" in result:
             raise ValueError(result["error_message"])
-        return {"time_ns": result["real_time"], "speed": 1e9 / result["real_time"]}
+        return {"time_ns": result["median_ns"], "speed": 1e9 / result["median_ns"]}
     return figures
 
 
@@ -72,6 +72,9 @@ def contenders(case):
 def run_all(programs, cases, rounds, seed, schedulings, progress=True):
     """(case key, scheduling) to contender to the figures of each round; None where a process failed."""
     order = random.Random(seed)
+    results = {}
+    if rounds == 0:
+        return results
     jobs = [
         (case, scheduling, name, run)
         for case in cases
@@ -79,7 +82,6 @@ def run_all(programs, cases, rounds, seed, schedulings, progress=True):
         if scheduling in schedulings
         for name, run in contenders(case).items()
     ]
-    results = {}
     start = time.monotonic()
     for number in range(rounds):
         order.shuffle(jobs)

@@ -78,10 +78,81 @@ def cells(row):
     ]
 
 
+def aligned(lines):
+    """Words to the left, numbers to the right."""
+    widths = [max(map(len, column)) for column in zip(*lines)]
+
+    def padded(line):
+        for place, (cell, width) in enumerate(zip(line, widths)):
+            yield cell.ljust(width) if place < 3 or not cell[-1:].isdigit() else cell.rjust(width)
+
+    return "\n".join("  ".join(padded(line)).rstrip() for line in lines)
+
+
 def text(all_rows):
-    lines = [COLUMNS, *(cells(row) for row in all_rows)]
-    widths = [max(len(line[place]) for line in lines) for place in range(len(COLUMNS))]
-    return "\n".join(
-        "  ".join(cell.ljust(width) if place < 3 else cell.rjust(width) for place, (cell, width) in enumerate(zip(line, widths)))
-        for line in lines
-    )
+    return aligned([COLUMNS, *(cells(row) for row in all_rows)])
+
+
+def key(row):
+    return row["case"], row["figure"], row["scheduling"]
+
+
+def change(old, new):
+    """What a comparison of two runs says: only where the ratios of all rounds lie apart."""
+    if new["least"] > old["most"]:
+        better = not new["is_upper"]
+    elif new["most"] < old["least"]:
+        better = new["is_upper"]
+    else:
+        return ""
+    return "gain" if better else "loss"
+
+
+def comparison(old_rows, new_rows):
+    """Ratios of an earlier run beside those of this one; never the figures themselves."""
+    before = {key(row): row for row in old_rows if not row.get("failed")}
+    lines = [("what", "figure", "sched", "before", "now", "change", "")]
+    for row in new_rows:
+        old = before.get(key(row))
+        if old is None or row.get("failed"):
+            continue
+        percent = f"{100 * (row['median'] / old['median'] - 1):+.0f} %" if old["median"] else ""
+        lines.append((*key(row), f"{old['median']:.2f}", f"{row['median']:.2f}", percent, change(old, row)))
+    return aligned(lines)
+
+
+def markdown(all_rows):
+    """The table of the document: one line a figure, both schedulings side by side."""
+    merged = {}
+    for row in all_rows:
+        merged.setdefault((row["case"], row["figure"]), {})[row["scheduling"]] = row
+    lines = ["| What | Figure | Target | RR | nort |", "|---|---|---|---|---|"]
+    for (case, figure), found in merged.items():
+        cells_of = {scheduling: reached(row) for scheduling, row in found.items()}
+        bounds = dict.fromkeys(target_text(row) for row in found.values())
+        target = " / ".join(bound for bound in bounds if bound).replace("<=", "≤").replace(">=", "≥")
+        lines.append(f"| {case} | {figure} | {target} | {cells_of.get('RR', '')} | {cells_of.get('nort', '')} |")
+    return "\n".join(lines)
+
+
+def reached(row):
+    if row.get("failed"):
+        return "failed"
+    reach = f"{row['median']:.2f} ({row['least']:.2f} to {row['most']:.2f})"
+    return f"**missed** {reach}" if row["met"] is False else reach
+
+
+def peers(cases, results):
+    """What each case costs over its contenders: medians of the figures, for the eye."""
+    lines = [("what", "sched", "contender", "figures")]
+    for case in cases:
+        for scheduling in case.schedulings:
+            contenders = results.get((case.key, scheduling))
+            if contenders is None or not case.peers:
+                continue
+            for name, found in contenders.items():
+                good = [figures for figures in found if figures]
+                figures = {figure: median(each[figure] for each in good) for figure in (good[0] if good else {})}
+                told = "  ".join(f"{figure} {number(value)}" for figure, value in figures.items())
+                lines.append((case.key, scheduling, name, told))
+    return aligned(lines) if len(lines) > 1 else ""
