@@ -8,3 +8,5 @@ gssip_add_schedule_test(lossyLineTest lossyLineTest.cpp KIT referenceDecoder TIM
 target_link_libraries(lossyLineTest PRIVATE gssip_schedules_lossy)
 gssip_add_schedule_test(referencePortTest referencePortTest.cpp KIT referenceDecoder)
 target_link_libraries(referencePortTest PRIVATE gssip_schedules_lossy)
+gssip_add_schedule_test(lossyJudgeTest lossyJudgeTest.cpp KIT referenceDecoder)
+target_link_libraries(lossyJudgeTest PRIVATE gssip_schedules_lossy)

@@ -107,7 +107,7 @@ void judgeAgreement(scheduler& schedule, judgedEnd& end)
 void judgeWay(scheduler& schedule, judgedEnd const& writer, judgedEnd const& receiver, lossyTally& tally)
 {
     std::vector<reference::order> const orders = writer.station.orders();
-    oneWayStory const way{writer.out, writer.frames, orders, receiver.expected.framed};
+    oneWayStory const way{writer.out.fates(), writer.frames, orders, receiver.expected.framed};
     failAt(schedule, writer, "written too often", writtenTooOften(way));
     failAt(schedule, receiver, "received", unexplained(way, tally));
     failAt(schedule, receiver, "way back", notFoundAgain(way, tally));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <map>
+#include <numeric>
 #include <set>
 
 namespace schedules
@@ -101,6 +102,12 @@ bool isPlain(std::vector<happening> const& frames, std::map<std::int64_t, std::s
     return true;
 }
 
+bool hasRightData(kit::decodedFrame const& frame)
+{
+    unsigned const sum = std::accumulate(frame.data.begin(), frame.data.end(), 0U);
+    return frame.count == 0 || (sum + frame.dataChecksum) % 0x10000U == 0;
+}
+
 std::string at(std::size_t position, std::int64_t origin)
 {
     return "byte " + std::to_string(position) + " of those that arrived, " + std::to_string(origin) + " of those sent";
@@ -135,7 +142,7 @@ std::string unexplained(oneWayStory const& way, lossyTally& tally)
 {
     std::map<std::int64_t, std::size_t> const begins = beginnings(way.frames);
     bool const plain = isPlain(way.frames, begins);
-    fates const& arrived = way.medium.fates();
+    fates const& arrived = way.arrived;
     std::vector<std::size_t> const since = wholeSince(arrived);
     for (kit::decodedFrame const& each : way.framed)
     {
@@ -146,7 +153,9 @@ std::string unexplained(oneWayStory const& way, lossyTally& tally)
         {
             return "nobody has written what begins with " + at(each.begin, arrived[each.begin].origin);
         }
-        tally.unnoticed += isExact ? 0U : 1U;
+        bool const isSound = hasRightData(each);
+        tally.refused += isSound ? 0U : 1U;
+        tally.unnoticed += isSound && !isExact ? 1U : 0U;
     }
     return {};
 }
@@ -158,7 +167,7 @@ std::string notFoundAgain(oneWayStory const& way, lossyTally& tally)
     {
         return {};
     }
-    fates const& arrived = way.medium.fates();
+    fates const& arrived = way.arrived;
     bytes const values = valuesOf(arrived);
     std::vector<std::size_t> const since = wholeSince(arrived);
     std::set<std::size_t> received;

@@ -23,16 +23,17 @@ struct lossyTally
     std::uint64_t headersRejected = 0;
     std::uint64_t foundAgain = 0; ///< undamaged frames behind the bound, all of them received
     std::uint64_t excused = 0;    ///< undamaged frames within the bound, or held by a header that promises more
-    std::uint64_t unnoticed = 0;  ///< damaged messages that every checksum finds right
+    std::uint64_t refused = 0;    ///< damaged frames that the data checksum tells
+    std::uint64_t unnoticed = 0;  ///< damaged frames that every checksum finds right
 };
 
 /// One way of the line, from the one who writes to the one who receives.
 struct oneWayStory
 {
-    lossyMedium const& medium;
-    std::vector<happening> const& frames;         ///< what was written, in the order of writing
-    std::vector<reference::order> const& orders;  ///< what the writer was given
-    std::vector<kit::decodedFrame> const& framed; ///< what the receiver has found
+    std::vector<lossyMedium::fateOfByte> const& arrived; ///< what became of its bytes
+    std::vector<happening> const& frames;                ///< what was written, in the order of writing
+    std::vector<reference::order> const& orders;         ///< what the writer was given
+    std::vector<kit::decodedFrame> const& framed;        ///< what the receiver has found
 };
 
 // Each is empty when all is well, else what is wrong.
