@@ -211,7 +211,7 @@ double bench::patience_sec() const
 {
     if (patient || !faultsMayCost)
     {
-        return PATIENCE_SEC;
+        return problems().empty() ? PATIENCE_SEC : PATIENCE_AFTER_A_LOSS_SEC;
     }
     return gaveUp ? PATIENCE_AFTER_A_LOSS_SEC : PATIENCE_WITH_FAULTS_SEC;
 }

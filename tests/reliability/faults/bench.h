@@ -135,6 +135,7 @@ class bench
 
     // --- The receiving application
     void startReceiving();
+    bool isReceiving() const { return receiver.joinable(); }
     std::size_t timesReceived(std::uint16_t id) const;
     bool awaitReceived(std::uint16_t id, std::size_t times = 1);
 

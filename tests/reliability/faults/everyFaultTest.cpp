@@ -1,15 +1,14 @@
 // Every call that the library makes fails in every way, at every place of every scenario.
 //
 // GSSIP_FAULT replays one case alone: GSSIP_FAULT='start: eventfd#2 EMFILE once' everyFaultTest. Every failure names
-// its case in that form.
+// its case in that form. GSSIP_FAULT_TIMES says how often, for what depends on the order of threads.
 
-#include "faultCase.h"
+#include "faultLists.h"
 #include "testSize.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <iostream>
 #include <random>
@@ -19,18 +18,18 @@
 namespace
 {
 
+using faults::callCounts;
 using faults::faultCase;
 using faults::outcome;
-using faults::possibility;
 using faults::scenario;
 
 /// Runs cases, and keeps the account of them.
 class account
 {
   public:
-    void run(faultCase const& one)
+    outcome run(faultCase const& one)
     {
-        outcome const result = faults::run(one);
+        outcome result = faults::run(one);
         for (std::string const& problem : result.problems)
         {
             ADD_FAILURE() << "GSSIP_FAULT='" << textOf(one) << "': " << problem;
@@ -42,6 +41,7 @@ class account
         }
         ++cases;
         struck += result.struck ? 1 : 0;
+        return result;
     }
 
     void print(char const* name, char const* what) const
@@ -61,10 +61,10 @@ bool isReplay()
     return std::getenv("GSSIP_FAULT") != nullptr;
 }
 
-/// How often the library makes each call in an undisturbed run; the most of several, since threads differ.
-std::array<unsigned, kit::CALL_KINDS> callsOf(scenario const& where)
+/// What an undisturbed run makes of each call; the most of several runs, since threads differ.
+callCounts callsOf(scenario const& where)
 {
-    std::array<unsigned, kit::CALL_KINDS> most{};
+    callCounts most{};
     for (int times = 0; times < 3; ++times)
     {
         outcome const undisturbed = faults::run({&where, {}});
@@ -75,41 +75,6 @@ std::array<unsigned, kit::CALL_KINDS> callsOf(scenario const& where)
         }
     }
     return most;
-}
-
-/// A line that is blocked for ever takes its time by design: a few places must do for a commit.
-bool isSlow(kit::fault const& one)
-{
-    return one.lasts && one.what.value == EAGAIN && one.at == kit::callKind::deviceWrite;
-}
-
-unsigned placesOf(kit::fault const& one, unsigned calls)
-{
-    return isSlow(one) ? std::min(calls, bySize(1U, 3U, calls)) : calls;
-}
-
-/// All single faults of some kinds.
-std::vector<kit::fault> singleFaults(scenario const& where, bool (*isWanted)(kit::callKind))
-{
-    std::array<unsigned, kit::CALL_KINDS> const calls = callsOf(where);
-    std::vector<kit::fault> all;
-    for (std::size_t i = 0; i < calls.size(); ++i)
-    {
-        auto const kind = static_cast<kit::callKind>(i);
-        for (possibility const& each : faults::possibilitiesOf(kind))
-        {
-            for (bool const lasts : {false, true})
-            {
-                kit::fault one{kind, 1, each.what, lasts};
-                unsigned const places = isWanted(kind) ? placesOf(one, calls[i]) : 0;
-                for (; one.n <= places; ++one.n)
-                {
-                    all.push_back(one);
-                }
-            }
-        }
-    }
-    return all;
 }
 
 class FaultAtEveryPlace : public testing::TestWithParam<scenario>
@@ -127,7 +92,7 @@ class FaultAtEveryPlace : public testing::TestWithParam<scenario>
     void runAll(bool (*isWanted)(kit::callKind), char const* what)
     {
         account of;
-        for (kit::fault const& one : singleFaults(GetParam(), isWanted))
+        for (kit::fault const& one : faults::everyFault(callsOf(GetParam()), isWanted))
         {
             of.run({&GetParam(), {one}});
         }
@@ -156,48 +121,29 @@ std::uint64_t seedOfPairs()
     return asked != nullptr ? std::strtoull(asked, nullptr, 10) : std::random_device()();
 }
 
-struct twoFaults
-{
-    std::size_t first = 0;
-    std::size_t second = 0;
-};
-
-bool areTwoPlaces(kit::fault const& a, kit::fault const& b)
-{
-    return a.at != b.at || a.n != b.n;
-}
-
-/// All pairs for a release, else some that are drawn.
-std::vector<twoFaults> pairsOf(std::vector<kit::fault> const& single)
-{
-    std::vector<twoFaults> pairs;
-    for (std::size_t first = 0; first < single.size(); ++first)
-    {
-        for (std::size_t second = first + 1; second < single.size(); ++second)
-        {
-            if (areTwoPlaces(single[first], single[second]))
-            {
-                pairs.push_back({first, second});
-            }
-        }
-    }
-    std::uint64_t const seed = seedOfPairs();
-    std::cout << "GSSIP_FAULT_SEED=" << seed << '\n';
-    std::shuffle(pairs.begin(), pairs.end(), std::mt19937_64(seed));
-    pairs.resize(std::min(pairs.size(), bySize<std::size_t>(100, 4000, pairs.size())));
-    return pairs;
-}
-
+/// What a first fault leads to is found out by a run: also the calls that only it brings about meet a second one.
 TEST_P(FaultAtEveryPlace, Pairs)
 {
-    std::vector<kit::fault> single = singleFaults(GetParam(), [](kit::callKind) { return true; });
-    single.erase(std::remove_if(single.begin(), single.end(), isSlow), single.end());
-    account of;
-    for (twoFaults const& pair : pairsOf(single))
+    std::uint64_t const seed = seedOfPairs();
+    std::cout << "GSSIP_FAULT_SEED=" << seed << '\n';
+    std::mt19937_64 random(seed);
+    callCounts const undisturbed = callsOf(GetParam());
+    std::vector<kit::fault> firsts = faults::everyFault(undisturbed, [](kit::callKind) { return true; });
+    firsts.erase(std::remove_if(firsts.begin(), firsts.end(), faults::isSlow), firsts.end());
+    faults::draw(firsts, bySize<std::size_t>(80, 500, firsts.size()), random);
+    account single;
+    account pairs;
+    for (kit::fault const& first : firsts)
     {
-        of.run({&GetParam(), {single[pair.first], single[pair.second]}});
+        outcome const alone = single.run({&GetParam(), {first}});
+        std::vector<kit::fault> seconds = faults::everySecond(first, alone.calls, undisturbed);
+        faults::draw(seconds, bySize<std::size_t>(2, 8, seconds.size()), random);
+        for (kit::fault const& second : seconds)
+        {
+            pairs.run({&GetParam(), {first, second}});
+        }
     }
-    of.print(GetParam().name, "pairs of faults");
+    pairs.print(GetParam().name, "pairs of faults");
 }
 
 std::string nameOf(testing::TestParamInfo<scenario> const& info)
@@ -206,6 +152,28 @@ std::string nameOf(testing::TestParamInfo<scenario> const& info)
 }
 
 INSTANTIATE_TEST_SUITE_P(In, FaultAtEveryPlace, testing::ValuesIn(faults::scenarios()), nameOf);
+
+/// A device that fails again and again while a port is left alone with it.
+TEST(FaultThatLasts, IsLoggedTenTimesASecondAtMost)
+{
+    scenario const& where = *faults::scenarioNamed("leftAlone");
+    faults::warmUp(where);
+    account of;
+    for (kit::callKind const kind : {kit::callKind::deviceRead, kit::callKind::ppoll})
+    {
+        for (faults::possibility const& each : faults::possibilitiesOf(kind))
+        {
+            of.run({&where, {{kind, 1, each.what, true}}});
+        }
+    }
+    of.print(where.name, "failures that last");
+}
+
+unsigned long timesToReplay()
+{
+    char const* const asked = std::getenv("GSSIP_FAULT_TIMES");
+    return asked != nullptr ? std::strtoul(asked, nullptr, 10) : 1;
+}
 
 TEST(FaultReplay, CaseOfTheEnvironment)
 {
@@ -216,8 +184,12 @@ TEST(FaultReplay, CaseOfTheEnvironment)
     faultCase const one = faults::parse(std::getenv("GSSIP_FAULT"));
     faults::warmUp(*one.where);
     account of;
-    of.run(one);
-    EXPECT_EQ(of.struck, 1U) << "the fault has not happened";
+    for (unsigned long left = timesToReplay(); left > 0 && !HasFailure(); --left)
+    {
+        of.run(one);
+    }
+    of.print(one.where->name, "replays");
+    EXPECT_GT(of.struck, 0U) << "the fault has not happened";
 }
 
 } // namespace

@@ -162,4 +162,19 @@ void deviceVanishes(bench& at)
     at.plugIn();
 }
 
+void leftAlone(bench& at)
+{
+    constexpr int TIMES = 30;
+    at.makeStartedPort();
+    at.startReceiving();
+    at.arm();
+    for (std::uint16_t id = 1; id <= TIMES; ++id)
+    {
+        at.feed(frame(id, 0)); // so that reading goes on where it succeeds
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    at.expect(at.awaitReceived(TIMES), "all is received");
+    at.expect(at.log.failedReads() == 0, "no failed read is logged");
+}
+
 } // namespace faults

@@ -1,6 +1,7 @@
 // What becomes of a message and of a serial device by themselves.
 
 #include "gssipMessage.h"
+#include "oldKernel.h"
 #include "scenarios.h"
 #include "serialPort.h"
 
@@ -212,6 +213,13 @@ void serialDevice(bench& at)
     receiveUntilClosed(at, *device);
     user.does("second open", [](serialPort& one) { return one.open(); });
     at.call("destruction", [&] { return device.reset(), true; });
+}
+
+void serialDeviceOnAnOldKernel(bench& at)
+{
+    oldKernel kernel;
+    kit::systemBehindFaults const system(kernel);
+    serialDevice(at);
 }
 
 } // namespace faults

@@ -15,9 +15,10 @@ struct scenario
     void (*run)(bench&);
 };
 
+/// Those that take milliseconds.
 std::vector<scenario> const& scenarios();
 
-/// The scenario of that name, or null.
+/// The scenario of that name, of those above or the longer one "leftAlone", or null.
 scenario const* scenarioNamed(std::string const& name);
 
 // What happens...
@@ -31,6 +32,7 @@ void stopOfAnAdapterThatKeepsItsBytes(bench& at);
 void destroyStarted(bench& at);
 void destroyAfterAFailedStart(bench& at);
 void deviceVanishes(bench& at);
+void leftAlone(bench& at);
 // ...on the line
 void sendUntracked(bench& at);
 void queueBehindTheGate(bench& at);
@@ -44,6 +46,7 @@ void pacedLine(bench& at);
 // ...to the parts that an application can use by themselves
 void messageOperations(bench& at);
 void serialDevice(bench& at);
+void serialDeviceOnAnOldKernel(bench& at);
 
 } // namespace faults
 
