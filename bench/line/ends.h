@@ -26,7 +26,7 @@ struct pairOf
 template <typename Make>
 auto makeEnds(options const& asked, Make const& make)
 {
-    auto const& line = *new lineUnderTest(asked.line);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
     runOn(place::farEnd);
     auto& far = make(line, place::farEnd);
     runOn(place::nearEnd);
@@ -36,23 +36,23 @@ auto makeEnds(options const& asked, Make const& make)
 
 inline pairOf<portEnd> makePorts(options const& asked)
 {
-    return makeEnds(asked,
-                    [](lineUnderTest const& line, place end) -> portEnd& { return *new portEnd(line.nameAt(end)); });
+    return makeEnds(
+        asked, [](lineUnderTest const& line, place end) -> portEnd& { return startedPort<portEnd>(line.nameAt(end)); });
 }
 
 /// `bytes` go from the near end to the far one, `bytesBack` the other way.
 inline pairOf<rawK3> makeRawK3(options const& asked, std::size_t bytesBack)
 {
     return makeEnds(asked, [&](lineUnderTest const& line, place end) -> rawK3& {
-        return *new rawK3(line.descriptorAt(end), end == place::nearEnd ? bytesBack : asked.bytes,
-                          asked.transmitPriority());
+        return everlasting<rawK3>(line.descriptorAt(end), end == place::nearEnd ? bytesBack : asked.bytes,
+                                  asked.transmitPriority());
     });
 }
 
 inline pairOf<rawWrite> makeRawWrite(options const& asked)
 {
     return makeEnds(asked, [&](lineUnderTest const& line, place end) -> rawWrite& {
-        return *new rawWrite(line.descriptorAt(end), asked.bytes);
+        return everlasting<rawWrite>(line.descriptorAt(end), asked.bytes);
     });
 }
 

@@ -62,9 +62,9 @@ class resendingPort : public portEnd
 
 figures latenessOfPort(options const& asked)
 {
-    auto const& line = *new lineUnderTest(asked.line);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
     runOn(place::nearEnd);
-    auto& port = *new resendingPort(line.nameAt(place::nearEnd), asked.count);
+    auto& port = startedPort<resendingPort>(line.nameAt(place::nearEnd), asked.count);
     gssipMessage message = messageOf(asked.bytes, 0, gssipMessage::ACK_REQ_FLAG);
     for (std::size_t i = 0; i < asked.count; ++i)
     {

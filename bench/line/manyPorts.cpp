@@ -46,7 +46,7 @@ void receiveAt(place where, End& end, meeting& all)
 template <typename Make>
 figures manyEnds(options const& asked, Make const& make)
 {
-    auto& all = *new meeting(asked.ports);
+    auto& all = everlasting<meeting>(asked.ports);
     std::vector<decltype(make(asked))> lines;
     for (std::size_t i = 0; i < asked.ports; i += 2)
     {

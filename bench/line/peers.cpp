@@ -44,7 +44,7 @@ class asioEnd
 pairOf<asioEnd> makeAsio(options const& asked)
 {
     return makeEnds(asked, [&](lineUnderTest const& line, place end) -> asioEnd& {
-        return *new asioEnd(line.nameAt(end), asked.bytes);
+        return everlasting<asioEnd>(line.nameAt(end), asked.bytes);
     });
 }
 
@@ -117,7 +117,7 @@ void addPeers(measurements& all)
         return stream(makeAsio(asked), asioEnd::make(asked.bytes), asked.count);
     };
     all[{"roundTrip", "modbus"}] = [](options const& asked) {
-        auto& line = *new modbusLine(asked);
+        auto& line = everlasting<modbusLine>(asked);
         runOn(place::nearEnd);
         return timeEach(asked.count, [&] {
             std::int64_t const start_ns = now_ns();

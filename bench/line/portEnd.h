@@ -4,6 +4,7 @@
 #include "gssipPort.h"
 #include "messageOf.h"
 #include "monotonicTimeStamp.h"
+#include "process.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -18,20 +19,15 @@ namespace bench
 /// Acknowledgement time-out of ports whose messages must not be resent while they are measured.
 constexpr double PATIENT_SEC = 300.0;
 
-/// The library as an application uses it. The port ends with the process.
+/// The library as an application uses it.
 class portEnd : public gssipPort
 {
   public:
     using message = gssipMessage;
 
-    /// Starts a port on that device, on the caller's processor.
     explicit portEnd(std::string const& device) : gssipPort(device, clock, nullptr, false)
     {
         configurePort(115200, 8, PARITY_NONE, 1, 0, PATIENT_SEC, 0.6, 5);
-        if (!start())
-        {
-            throw std::runtime_error("cannot start a port on " + device);
-        }
     }
     ~portEnd() override { stop(); }
     portEnd(portEnd const&) = delete;
@@ -86,6 +82,18 @@ class confirmedPort : public portEnd
 
     std::function<void()> const acknowledged;
 };
+
+/// A port on that device that has been started on the caller's processor.
+template <typename Port, typename... Arguments>
+Port& startedPort(std::string const& device, Arguments&&... arguments)
+{
+    auto& port = everlasting<Port>(device, std::forward<Arguments>(arguments)...);
+    if (!port.start())
+    {
+        throw std::runtime_error("cannot start a port on " + device);
+    }
+    return port;
+}
 
 } // namespace bench
 

@@ -3,12 +3,21 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace bench
 {
+
+/// Makes something that lives until the process ends: its threads may use it at any moment.
+template <typename Object, typename... Arguments>
+Object& everlasting(Arguments&&... arguments)
+{
+    return *std::make_unique<Object>(std::forward<Arguments>(arguments)...).release();
+}
 
 /// Nanoseconds of the monotonic clock.
 std::int64_t now_ns();

@@ -48,7 +48,7 @@ figures timeEach(std::size_t count, Once const& once)
 template <typename End>
 figures roundTrip(pairOf<End> ends, typename End::message const& message, std::size_t count)
 {
-    threadOn(place::farEnd, [&ends] {
+    threadOn(place::farEnd, [ends] {
         forEachReceived(ends.far, [&](typename End::message const& received) { ends.far.send(received); });
     }).detach();
     typename End::message received;

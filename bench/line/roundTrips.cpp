@@ -19,8 +19,8 @@ constexpr std::chrono::microseconds PAUSE(200);
 template <typename End>
 figures oneWay(pairOf<End> ends, typename End::message const& message, std::size_t count)
 {
-    std::atomic<std::int64_t> arrival_ns{0};
-    threadOn(place::farEnd, [&] {
+    auto& arrival_ns = everlasting<std::atomic<std::int64_t>>(0);
+    threadOn(place::farEnd, [ends, &arrival_ns] {
         forEachReceived(ends.far, [&](typename End::message const&) { arrival_ns = now_ns(); });
     }).detach();
     return timeEach(count, [&] {
@@ -88,15 +88,15 @@ class exchanges
 
 figures acknowledgedByPort(options const& asked)
 {
-    auto const& line = *new lineUnderTest(asked.line);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
     gssipMessage const message = messageOf(asked.bytes, 7, gssipMessage::ACK_REQ_FLAG);
     confirmedPort* near = nullptr;
-    exchanges timed(asked.count, [&] { near->send(message); });
+    auto& timed = everlasting<exchanges>(asked.count, [&] { near->send(message); });
 
     runOn(place::farEnd);
-    auto& far = *new portEnd(line.nameAt(place::farEnd));
+    auto& far = startedPort<portEnd>(line.nameAt(place::farEnd));
     runOn(place::nearEnd);
-    near = new confirmedPort(line.nameAt(place::nearEnd), [&] { timed.next(); });
+    near = &startedPort<confirmedPort>(line.nameAt(place::nearEnd), [&timed] { timed.next(); });
     threadOn(place::farEnd, [&far] { forEachReceived(far, [](gssipMessage const&) {}); }).detach();
     threadOn(place::nearEnd, [near] { forEachReceived(*near, [](gssipMessage const&) {}); }).detach();
     timed.start();
@@ -107,12 +107,12 @@ figures acknowledgedByRawK3(options const& asked)
 {
     pairOf<rawK3> const ends = makeRawK3(asked, HEADER_ONLY_BYTES);
     rawK3::message const message = rawK3::make(asked.bytes);
-    exchanges timed(asked.count, [&] { ends.near.send(message); });
-    threadOn(place::farEnd, [&ends] {
+    auto& timed = everlasting<exchanges>(asked.count, [&] { ends.near.send(message); });
+    threadOn(place::farEnd, [ends] {
         rawK3::message const reply = rawK3::make(HEADER_ONLY_BYTES);
         forEachReceived(ends.far, [&](rawK3::message const&) { ends.far.reply(reply); });
     }).detach();
-    threadOn(place::nearEnd, [&] {
+    threadOn(place::nearEnd, [ends, &timed] {
         forEachReceived(ends.near, [&](rawK3::message const&) { timed.next(); });
     }).detach();
     timed.start();

@@ -56,8 +56,8 @@ class arrivals
 template <typename End>
 figures stream(pairOf<End> ends, typename End::message const& message, std::size_t count)
 {
-    arrivals received(count);
-    threadOn(place::farEnd, [&] {
+    auto& received = everlasting<arrivals>(count);
+    threadOn(place::farEnd, [ends, &received] {
         forEachReceived(ends.far, [&](typename End::message const&) { received.one(); });
     }).detach();
     return timeStream(

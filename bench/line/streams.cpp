@@ -39,23 +39,23 @@ class lateAcknowledgements
 
 figures trackedStreamOfPort(options const& asked)
 {
-    auto const& line = *new lineUnderTest(asked.line);
-    arrivals acknowledged(asked.count);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
+    auto& acknowledged = everlasting<arrivals>(asked.count);
     runOn(place::farEnd);
-    auto& far = *new portEnd(line.nameAt(place::farEnd));
+    auto& far = startedPort<portEnd>(line.nameAt(place::farEnd));
     runOn(place::nearEnd);
-    auto& near = *new confirmedPort(line.nameAt(place::nearEnd), [&] { acknowledged.one(); });
+    auto& near = startedPort<confirmedPort>(line.nameAt(place::nearEnd), [&] { acknowledged.one(); });
 
-    threadOn(place::nearEnd, [&] { forEachReceived(near, [](gssipMessage const&) {}); }).detach();
+    threadOn(place::nearEnd, [&near] { forEachReceived(near, [](gssipMessage const&) {}); }).detach();
     if (asked.lag == 0)
     {
-        threadOn(place::farEnd, [&] { forEachReceived(far, [](gssipMessage const&) {}); }).detach();
+        threadOn(place::farEnd, [&far] { forEachReceived(far, [](gssipMessage const&) {}); }).detach();
     }
     else
     {
-        auto& late = *new lateAcknowledgements(far, asked);
-        threadOn(place::farEnd, [&] {
-            forEachReceived(far, [&](gssipMessage const& message) { late.received(message); });
+        auto& late = everlasting<lateAcknowledgements>(far, asked);
+        threadOn(place::farEnd, [&far, &late] {
+            forEachReceived(far, [&](gssipMessage const& received) { late.received(received); });
         }).detach();
     }
     gssipMessage message = messageOf(asked.bytes, 0, gssipMessage::ACK_REQ_FLAG);
@@ -71,12 +71,12 @@ figures trackedStreamOfPort(options const& asked)
 figures repliedStreamOfRawK3(options const& asked)
 {
     pairOf<rawK3> const ends = makeRawK3(asked, HEADER_ONLY_BYTES);
-    arrivals replies(asked.count);
-    threadOn(place::farEnd, [&ends] {
+    auto& replies = everlasting<arrivals>(asked.count);
+    threadOn(place::farEnd, [ends] {
         rawK3::message const reply = rawK3::make(HEADER_ONLY_BYTES);
         forEachReceived(ends.far, [&](rawK3::message const&) { ends.far.reply(reply); });
     }).detach();
-    threadOn(place::nearEnd, [&] {
+    threadOn(place::nearEnd, [ends, &replies] {
         forEachReceived(ends.near, [&](rawK3::message const&) { replies.one(); });
     }).detach();
     rawK3::message const message = rawK3::make(asked.bytes);
@@ -102,8 +102,8 @@ template <typename End>
 figures burst(lineUnderTest const& line, End& receiver, options const& asked)
 {
     std::vector<std::uint8_t> const frames = readyFrames(asked);
-    arrivals received(asked.count);
-    threadOn(place::farEnd, [&] {
+    auto& received = everlasting<arrivals>(asked.count);
+    threadOn(place::farEnd, [&receiver, &received] {
         forEachReceived(receiver, [&](typename End::message const&) { received.one(); });
     }).detach();
     std::int64_t const processorBefore_ns = processorTime_ns();
@@ -115,18 +115,18 @@ figures burst(lineUnderTest const& line, End& receiver, options const& asked)
 
 figures burstIntoPort(options const& asked)
 {
-    auto const& line = *new lineUnderTest(asked.line);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
     runOn(place::farEnd);
-    auto& receiver = *new portEnd(line.nameAt(place::farEnd));
+    auto& receiver = startedPort<portEnd>(line.nameAt(place::farEnd));
     runOn(place::nearEnd);
     return burst(line, receiver, asked);
 }
 
 figures burstIntoRawK3(options const& asked)
 {
-    auto const& line = *new lineUnderTest(asked.line);
+    auto const& line = everlasting<lineUnderTest>(asked.line);
     runOn(place::farEnd);
-    auto& receiver = *new rawK3(line.descriptorAt(place::farEnd), asked.bytes, asked.transmitPriority());
+    auto& receiver = everlasting<rawK3>(line.descriptorAt(place::farEnd), asked.bytes, asked.transmitPriority());
     runOn(place::nearEnd);
     return burst(line, receiver, asked);
 }

@@ -47,7 +47,6 @@ figures startAndStopOfPort(options const& asked)
 {
     lineUnderTest const line(asked.line);
     portEnd port(line.nameAt(place::farEnd));
-    port.stop();
     return startAndStop(
         asked.count, [&] { port.start(); }, [&] { port.stop(); });
 }
@@ -80,14 +79,14 @@ figures memoryOfPorts(options const& asked)
     std::vector<lineUnderTest const*> lines;
     for (std::size_t i = 0; i <= asked.ports; ++i)
     {
-        lines.push_back(new lineUnderTest(joint::hook));
+        lines.push_back(&everlasting<lineUnderTest>(joint::hook));
     }
-    return memory(asked, [&](std::size_t i) { new portEnd(lines[i]->nameAt(place::farEnd)); });
+    return memory(asked, [&](std::size_t i) { startedPort<portEnd>(lines[i]->nameAt(place::farEnd)); });
 }
 
 figures memoryOfThreads(options const& asked)
 {
-    return memory(asked, [&](std::size_t) { new sleepingThreads(asked.realTime); });
+    return memory(asked, [&](std::size_t) { everlasting<sleepingThreads>(asked.realTime); });
 }
 
 } // namespace
