@@ -1,7 +1,9 @@
 #ifndef CALLERCOUNT_H
 #define CALLERCOUNT_H
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 namespace gssipInternal
@@ -15,17 +17,8 @@ class callerCount
     class caller
     {
       public:
-        explicit caller(callerCount& countToJoin) : count(countToJoin)
-        {
-            std::lock_guard<std::mutex> const lock(count.mutex);
-            ++count.inside;
-        }
-        ~caller()
-        {
-            std::lock_guard<std::mutex> const lock(count.mutex);
-            --count.inside;
-            count.left.notify_all(); // under the lock: the object may be gone as soon as it is free
-        }
+        explicit caller(callerCount& countToJoin) : count(countToJoin) { ++count.inside; }
+        ~caller() { count.leave(); }
         caller(caller const&) = delete;
         caller& operator=(caller const&) = delete;
 
@@ -36,13 +29,33 @@ class callerCount
     void awaitNone()
     {
         std::unique_lock<std::mutex> lock(mutex);
-        left.wait(lock, [this] { return inside == 0; });
+        inside |= AWAITED;
+        left.wait(lock, [this] { return inside == AWAITED; });
     }
 
   private:
-    std::mutex mutex; ///< guards `inside`; the last lock in any order
+    static constexpr std::uint32_t AWAITED = 0x8000'0000;
+
+    /// The object may be gone as soon as the last one is counted out. So nothing is touched after that, but for the
+    /// lock when somebody awaits it, who cannot go on before the lock is free.
+    void leave()
+    {
+        std::uint32_t now = inside;
+        while ((now & AWAITED) == 0)
+        {
+            if (inside.compare_exchange_weak(now, now - 1))
+            {
+                return;
+            }
+        }
+        std::lock_guard<std::mutex> const lock(mutex);
+        --inside;
+        left.notify_all();
+    }
+
+    std::atomic<std::uint32_t> inside{0}; ///< how many, and AWAITED
+    std::mutex mutex;                     ///< for the sleep of who awaits them; the last lock in any order
     std::condition_variable left;
-    unsigned inside = 0;
 };
 
 } // namespace gssipInternal

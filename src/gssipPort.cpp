@@ -185,7 +185,9 @@ int gssipPort::constructReceiver()
     }
     try
     {
-        std::atomic_store(&receiver, std::make_shared<gssipReceive>(*this, log));
+        auto const made = std::make_shared<gssipReceive>(*this, log);
+        own->newest = made.get(); // first: what is taken from it is never taken for a former one's
+        std::atomic_store(&receiver, made);
     }
     catch (std::system_error const& failure) // a thread could not be created
     {

@@ -1,6 +1,6 @@
 // The receive side of gssipPort: taking messages, acknowledging them, and what they do to the gate.
 
-#include "gssipPort.h"
+#include "gssipPortState.h"
 #include "gssipReceive.h"
 
 #include <string>
@@ -32,7 +32,7 @@ int gssipPort::getMessage(gssipMessage& message, bool waitOnInvalid)
         {
             return status;
         }
-        if (source != currentReceiver())
+        if (source.get() != own->newest)
         {
             arrival = BEFORE_ANY; // left over from before a stop: the numbers have begun anew
         }

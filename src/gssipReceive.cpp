@@ -330,14 +330,12 @@ void gssipReceive::frameData()
     rxQueue.push(std::move(message));
 }
 
-/// The message whose header stands at the front, with room for its data, received now.
+/// The message whose header stands at the front, with room for its data, received now. The header's checksum is right,
+/// which is the one that a message is made with.
 gssipMessage gssipReceive::messageFromHeader()
 {
-    gssipMessage message;
+    gssipMessage message(own->word(ID_WORD), own->word(FLAGS_WORD), own->word(COUNT_WORD));
     message.setSOM(own->word(SOM_WORD));
-    message.setId(own->word(ID_WORD));
-    message.setDataWordSize(own->word(COUNT_WORD), true);
-    message.setProtocolFlags(own->word(FLAGS_WORD));
     message.setHeaderChecksum(own->word(CHECKSUM_WORD));
     message.setReceiveTimeStamp(port.timeStamp.getTime_sec());
     return message;

@@ -64,8 +64,12 @@ struct gssipSendAckReq::privateState
 
     // Guarded by eventQMutex.
     wallClockFollower clock;
-    fate announced = fate::none; ///< of the message that is being written and not yet registered
     std::uint16_t announcedId = 0;
+    std::size_t inOrder = 0; ///< length of `eventQ` as it was left here, sorted
+
+    /// Of the message that is being written and not yet registered. Changed under eventQMutex; that there is none is
+    /// known without it to the writer, who alone announces.
+    std::atomic<fate> announced{fate::none};
 
     /// The number of the first message to be received after the driver was offered the announced message's first byte:
     /// what came before cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
@@ -148,7 +152,7 @@ int gssipSendAckReq::registerMessage(gssipMessage const& message, bool wasAnnoun
     }
     queueAccess const access(*this);
     moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));
-    fate const outcome = wasAnnounced ? std::exchange(own->announced, fate::none) : fate::none;
+    fate const outcome = wasAnnounced ? own->announced.exchange(fate::none) : fate::none;
     return enqueueAs(outcome, event);
 }
 
@@ -181,19 +185,40 @@ int gssipSendAckReq::enqueueAs(fate outcome, gssipSendAckReqEvent& event)
 int gssipSendAckReq::enqueue(gssipSendAckReqEvent& event)
 {
     event.eventId = nextEventId;
+    bool const isLast = eventQ.empty() || eventLess(eventQ.back(), event);
     eventQ.push_back(std::move(event));
     ++nextEventId;
-    sortQueue();
+    if (isLast && eventQ.size() == own->inOrder + 1) // as a rule: nobody else has changed the queue
+    {
+        ++own->inOrder;
+    }
+    else
+    {
+        sortQueue();
+    }
     return pthread_cond_signal(&eventQCond);
 }
 
-/// A queue that is in order already, as it is when deadlines come in order, is looked at and not moved.
+/// A queue that is in order already is looked at and not moved.
 void gssipSendAckReq::sortQueue()
 {
     if (!std::is_sorted(eventQ.begin(), eventQ.end(), eventLess))
     {
         std::sort(eventQ.begin(), eventQ.end(), eventLess);
     }
+    own->inOrder = eventQ.size();
+}
+
+void gssipSendAckReq::forget(int index)
+{
+    eventQ.erase(eventQ.begin() + index);
+    --own->inOrder;
+}
+
+void gssipSendAckReq::forgetAll()
+{
+    eventQ.clear();
+    own->inOrder = 0;
 }
 
 void gssipSendAckReq::moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns)
@@ -230,8 +255,11 @@ void gssipSendAckReq::announcedIsOnItsWay(std::uint64_t arrivals)
 
 void gssipSendAckReq::endAnnouncement()
 {
-    queueAccess const access(*this);
-    own->announced = fate::none;
+    if (own->announced != fate::none)
+    {
+        queueAccess const access(*this);
+        own->announced = fate::none;
+    }
 }
 
 int gssipSendAckReq::processReceiveAckNak(gssipMessage const& message, bool& handled)
@@ -269,7 +297,7 @@ int gssipSendAckReq::matchPending(gssipMessage const& message, int index)
 {
     if (message.isAckMsgFlagSet())
     {
-        eventQ.erase(eventQ.begin() + index);
+        forget(index);
         return pthread_cond_signal(&eventQCond);
     }
     gssipInternal::portThread const mark(port); // a call-back that stopped the port now would wait for this very lock
@@ -307,7 +335,7 @@ int gssipSendAckReq::findFirstEventByMessageId(unsigned short const& messageId)
 void gssipSendAckReq::clearQueue()
 {
     queueAccess const access(*this);
-    eventQ.clear();
+    forgetAll();
 }
 
 int gssipSendAckReq::initializeEventThread()
@@ -377,7 +405,7 @@ int gssipSendAckReq::eventThread()
     {
         queueAccess const access(*this); // one hold: nothing can be registered between the flag and the emptying
         eventThreadRunning.set();
-        eventQ.clear();
+        forgetAll();
     }
     own->thread.announceRunning();
     int status = 0;
@@ -410,13 +438,9 @@ int gssipSendAckReq::serveQueue()
     {
         return pthread_cond_wait(&eventQCond, &eventQMutex);
     }
-    std::int64_t const offset_ns = gssipInternal::wallOffset_ns();
-    if (gssipInternal::stepBetween_ns(own->clock.offset_ns(), offset_ns) != 0)
-    {
-        return 0; // stepped just now: the next pass begins with deadlines that have followed
-    }
     std::uint32_t const earliest = eventQ.front().eventId;
-    int const status = gssipInternal::waitUntilWall(eventQCond, eventQMutex, eventQ.front().absTimeout, offset_ns);
+    int const status =
+        gssipInternal::waitUntilWall(eventQCond, eventQMutex, eventQ.front().absTimeout, own->clock.latest_ns());
     return status == ETIMEDOUT ? serveTimeout(earliest) : status;
 }
 
@@ -444,7 +468,7 @@ void gssipSendAckReq::dropEvent(std::uint32_t eventId)
     int const index = findFirstEventByEventId(eventId);
     if (index != -1)
     {
-        eventQ.erase(eventQ.begin() + index);
+        forget(index);
     }
 }
 
@@ -456,7 +480,7 @@ int gssipSendAckReq::processRetransmit(double const& time, int const& index)
     case RESEND:
         return resend(event, time);
     case GIVE_UP:
-        eventQ.erase(eventQ.begin() + index);
+        forget(index);
         return 0;
     default:
         return EINVAL;

@@ -112,6 +112,8 @@ class GSSIP_EXPORT gssipSendAckReq
 
     // The caller of these holds `eventQMutex`.
     void sortQueue();
+    void forget(int index);
+    void forgetAll();
     void followClock();
     static void moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns);
     int enqueue(gssipSendAckReqEvent& event);

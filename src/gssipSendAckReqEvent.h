@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <tuple>
 
 /// One sent message whose acknowledgement is awaited.
 struct gssipSendAckReqEvent
@@ -19,8 +18,15 @@ struct gssipSendAckReqEvent
 /// The order of pending events: by deadline, then by id. Strict and total while the ids differ.
 inline bool eventLess(gssipSendAckReqEvent const& a, gssipSendAckReqEvent const& b)
 {
-    return std::tie(a.absTimeout.tv_sec, a.absTimeout.tv_nsec, a.eventId) <
-           std::tie(b.absTimeout.tv_sec, b.absTimeout.tv_nsec, b.eventId);
+    if (a.absTimeout.tv_sec != b.absTimeout.tv_sec)
+    {
+        return a.absTimeout.tv_sec < b.absTimeout.tv_sec;
+    }
+    if (a.absTimeout.tv_nsec != b.absTimeout.tv_nsec)
+    {
+        return a.absTimeout.tv_nsec < b.absTimeout.tv_nsec;
+    }
+    return a.eventId < b.eventId;
 }
 
 #endif

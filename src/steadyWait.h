@@ -61,17 +61,21 @@ class wallClockFollower
     /// The offset that kept deadlines have to refer to.
     std::int64_t offset_ns() const noexcept { return known_ns; }
 
+    /// The offset as it was last read, for a wait that begins now.
+    std::int64_t latest_ns() const noexcept { return read_ns; }
+
     /// By how much kept deadlines have to move, 0 as a rule.
     std::int64_t takeStep_ns() noexcept
     {
-        std::int64_t const now_ns = wallOffset_ns();
-        std::int64_t const step_ns = stepBetween_ns(known_ns, now_ns);
+        read_ns = wallOffset_ns();
+        std::int64_t const step_ns = stepBetween_ns(known_ns, read_ns);
         known_ns += step_ns;
         return step_ns;
     }
 
   private:
     std::int64_t known_ns = wallOffset_ns();
+    std::int64_t read_ns = known_ns;
 };
 
 } // namespace gssipInternal

@@ -51,7 +51,7 @@ int lineSender::send(unsigned char const* bytes, unsigned count, unsigned& sent,
                      std::function<void()> const& beforeFirstByte)
 {
     sent = 0;
-    fairSentry const turn(turns, sendMutex);
+    turn const mine(turns);
     wakeableDescriptor::use use(device, wakeableDescriptor::role::writer);
     if (!use)
     {

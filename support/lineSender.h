@@ -48,9 +48,8 @@ class lineSender
     wakeableDescriptor& device;     // safe by itself
     sharedSettings const& settings; // safe by itself
 
-    turnstile turns;                                       ///< before `sendMutex`
-    pthread_mutex_t sendMutex = PTHREAD_MUTEX_INITIALIZER; ///< held for the whole of a message
-    lineClock line;                                        // changed by the holder of sendMutex
+    turnstile turns; ///< whose turn it is has the line, for the whole of a message
+    lineClock line;  // changed by who has the line
     std::atomic<bool> hasLine{true};
     std::atomic<std::uint64_t> bytesTaken{0}; ///< by the driver, ever
 };

@@ -3,13 +3,14 @@
 
 #include "sentry.h"
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 
 namespace gssipInternal
 {
 
-/// Lets threads through one at a time, in the order in which they came.
+/// Lets threads through one at a time, in the order in which they came. Who need not wait takes no lock.
 class turnstile
 {
   public:
@@ -25,28 +26,58 @@ class turnstile
     /// Blocks until every thread that came before has left.
     void enter() noexcept
     {
-        sentry const lock(mutex);
         std::uint32_t const mine = nextTicket++;
+        if (mine != nowServing)
+        {
+            awaitTurn(mine);
+        }
+    }
+
+    void leave() noexcept
+    {
+        std::uint32_t const next = ++nowServing;
+        if (next != nextTicket)
+        {
+            callNext();
+        }
+    }
+
+  private:
+    // A thread takes its ticket before it looks who is served, and one that leaves serves the next before it looks
+    // whether there are tickets: so one of the two sees the other. The mutex is there for the sleep alone.
+
+    void awaitTurn(std::uint32_t mine) noexcept
+    {
+        sentry const lock(mutex);
         while (mine != nowServing)
         {
             pthread_cond_wait(&served, &mutex);
         }
     }
 
-    void leave() noexcept
+    void callNext() noexcept
     {
         sentry const lock(mutex);
-        if (++nowServing != nextTicket)
-        {
-            pthread_cond_broadcast(&served); // only one of them holds the next ticket, and any may be that one
-        }
+        pthread_cond_broadcast(&served); // only one of them holds the next ticket, and any may be that one
     }
 
-  private:
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; ///< guards the tickets; the last lock in any order
+    std::atomic<std::uint32_t> nextTicket{0};
+    std::atomic<std::uint32_t> nowServing{0};
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER; ///< the last lock in any order
     pthread_cond_t served = PTHREAD_COND_INITIALIZER;
-    std::uint32_t nextTicket = 0;
-    std::uint32_t nowServing = 0;
+};
+
+/// Inside a turnstile while it exists: one thread at a time, in the order in which they came.
+class turn
+{
+  public:
+    explicit turn(turnstile& doorToPass) noexcept : door(doorToPass) { door.enter(); }
+    ~turn() { door.leave(); }
+    turn(turn const&) = delete;
+    turn& operator=(turn const&) = delete;
+
+  private:
+    turnstile& door;
 };
 
 /// A scoped lock whose waiters are served in the order in which they came.

@@ -80,7 +80,10 @@ wakeableDescriptor::use::~use()
     {
         std::lock_guard<std::mutex> const lock(owner.mutex);
         --owner.usersOf(purpose);
-        owner.changed.notify_all();
+        if (!owner.openNow) // somebody who closes may wait for this user
+        {
+            owner.changed.notify_all();
+        }
     }
 }
 
