@@ -144,6 +144,7 @@ class bench
     std::unique_ptr<kit::exposedPort> port;
     std::vector<kit::bytes> sent;        ///< frames of untracked messages that have been queued
     std::vector<kit::bytes> leftQueued;  ///< frames that must come first after the next start
+    std::size_t longestFrame = 0;        ///< that the port may wait for the rest of
     bool lineIsDead = false;             ///< nothing can pass before the next start
     bool startMayBeRefusedFirst = false; ///< while the system is still closing the device
 
