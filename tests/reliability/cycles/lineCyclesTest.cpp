@@ -1,63 +1,36 @@
 // Start and stop with a line that stands, and with a device that is missing or pulled out.
-// GSSIP_TEST_SEED in the environment replays the random waits of a failure.
 
-#include "cycleJudge.h"
 #include "emulatedLine.h"
 #include "frames.h"
+#include "lifeCycles.h"
 #include "messages.h"
-#include "monotonicTimeStamp.h"
-#include "placement.h"
 #include "pluggableTerminal.h"
 #include "testSize.h"
-#include "waitUntil.h"
 
 #include <chrono>
-#include <cstdlib>
+#include <cstddef>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <random>
-#include <string>
-#include <thread>
 #include <utility>
 
 namespace
 {
 
 using cycles::cycleJudge;
-using cycles::placement;
 using kit::bytes;
 using kit::message;
 
-unsigned seedOfTest()
+bool hasBytes(int descriptor)
 {
-    char const* const asked = std::getenv("GSSIP_TEST_SEED");
-    return asked == nullptr ? 1 : static_cast<unsigned>(std::strtoul(asked, nullptr, 10));
+    pollfd waiting{descriptor, POLLIN, 0};
+    return ::poll(&waiting, 1, 10000) == 1;
 }
 
-class LineCycles : public testing::TestWithParam<placement>
+/// A port whose device can be pulled out.
+class LineCycles : public cycles::lifeCycles
 {
   protected:
-    void run(std::size_t count, std::function<void(cycleJudge&)> const& oneCycle)
-    {
-        SCOPED_TRACE("GSSIP_TEST_SEED=" + std::to_string(seed));
-        ASSERT_NO_THROW({
-            cycleJudge judge(kit::isSanitized ? count / 5 : count);
-            for (std::size_t each = 0; each < judge.cyclesToCome() && !HasFailure(); ++each)
-            {
-                oneCycle(judge);
-                judge.close();
-            }
-            ASSERT_FALSE(HasFailure());
-            judge.conclude(testing::UnitTest::GetInstance()->current_test_info()->name());
-        });
-    }
-
-    void waitUpTo(unsigned most_us)
-    {
-        auto const time_us = std::uniform_int_distribution<unsigned>(0, most_us)(random);
-        std::this_thread::sleep_for(std::chrono::microseconds(time_us));
-    }
-
     /// Sends a message and takes it from the line.
     void expectThatThePortSends()
     {
@@ -65,43 +38,42 @@ class LineCycles : public testing::TestWithParam<placement>
         EXPECT_EQ(device.line().read(kit::frame(0x7777, 0).size()), kit::frame(0x7777, 0));
     }
 
-    unsigned const seed = seedOfTest();
-    std::mt19937 random{seed};
-    cycles::placed where{GetParam()};
     kit::pluggableTerminal device;
-    monotonicTimeStamp clock;
     gssipPort port{device.name(), clock, nullptr, false};
 };
 
 INSTANTIATE_TEST_SUITE_P(Places, LineCycles, cycles::everyPlacement(), cycles::nameOfPlace);
 
-/// The driver takes messages, but none of them leaves.
+/// The driver takes a message, of which nothing leaves. The next one waits for the line when the stop comes, and goes
+/// back into the queue.
 TEST_P(LineCycles, BlockedLine_KeepsQueuedWhatTheDriverHasNotTaken)
 {
-    constexpr unsigned QUEUED = 10;
+    constexpr std::uint16_t QUEUED = 10;
+    std::vector<std::uint16_t> const longerThanAStop(600, 7); // 1.3 s
     kit::lineTraits traits;
     traits.startsHeld = true;
     kit::emulatedLine driver(traits);
     kit::systemReplaced const replaced(driver);
     device.plugIn();
-    bytes const frame = kit::frame(1, 0, {1, 2, 3});
-    std::size_t given = 0;
-    std::size_t taken = 0;
+    std::uint16_t given = 0;
+    std::uint16_t taken = 0;
     run(bySize<std::size_t>(20, 100, 500), [&](cycleJudge& judge) {
         judge.start(port);
-        for (; given - taken < QUEUED; ++given)
+        for (; given < taken + QUEUED; ++given)
         {
-            port.sendMessage(message(1, 0, {1, 2, 3}), false);
+            port.sendMessage(message(given, 0, longerThanAStop), false);
         }
-        EXPECT_EQ(device.line().read(frame.size()), frame);
+        ASSERT_TRUE(hasBytes(device.line().masterDescriptor()));
         waitUpTo(1000);
         judge.stop(port);
-        std::size_t const queued = port.getNumberQueuedMessages();
-        std::size_t const behindTheFirst = given - queued - taken - 1;
-        EXPECT_GT(queued, 0U);
-        EXPECT_EQ(device.line().read(behindTheFirst * frame.size()).size(), behindTheFirst * frame.size());
+        auto const keptFrom = static_cast<std::uint16_t>(given - port.getNumberQueuedMessages());
+        for (; taken < keptFrom; ++taken)
+        {
+            bytes const frame = kit::frame(taken, 0, longerThanAStop);
+            EXPECT_EQ(device.line().read(frame.size()), frame);
+        }
         EXPECT_EQ(device.line().read(1, std::chrono::milliseconds(20)), bytes{});
-        taken = given - queued;
+        EXPECT_LT(taken, given);
     });
 }
 
@@ -138,12 +110,6 @@ TEST_P(LineCycles, MissingDeviceThatComes_StartsThen)
         judge.stop(port);
         device.unplug();
     });
-}
-
-bool hasBytes(int descriptor)
-{
-    pollfd waiting{descriptor, POLLIN, 0};
-    return ::poll(&waiting, 1, 10000) == 1;
 }
 
 /// Half a frame has come, and half of another has gone.

@@ -1,22 +1,19 @@
 // Start and stop, thousands of times, in every state that takes no longer than milliseconds to get into.
-// GSSIP_TEST_SEED in the environment replays the random waits of a failure.
 
-#include "cycleJudge.h"
 #include "frames.h"
+#include "lifeCycles.h"
 #include "messages.h"
-#include "monotonicTimeStamp.h"
-#include "placement.h"
 #include "processState.h"
 #include "pseudoTerminal.h"
 #include "referenceDecoder.h"
 #include "testSize.h"
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
+#include <cstddef>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <random>
 #include <semaphore.h>
 #include <string>
 #include <thread>
@@ -25,50 +22,20 @@ namespace
 {
 
 using cycles::cycleJudge;
-using cycles::placement;
 using kit::bytes;
 using kit::message;
 using testing::AnyOf;
 
 std::size_t manyCycles()
 {
-    return kit::isSanitized ? 200 : bySize<std::size_t>(2000, 20000, 100000);
+    return bySize<std::size_t>(2000, 20000, 100000);
 }
 
-unsigned seedOfTest()
-{
-    char const* const asked = std::getenv("GSSIP_TEST_SEED");
-    return asked == nullptr ? 1 : static_cast<unsigned>(std::strtoul(asked, nullptr, 10));
-}
-
-/// A port on a line, in one place of the machine.
-class QuickCycles : public testing::TestWithParam<placement>
+/// A port on a line.
+class QuickCycles : public cycles::lifeCycles
 {
   protected:
     QuickCycles() { port.setAcknowledgeTimeout_sec(1000.0); }
-
-    void run(
-        std::function<void(cycleJudge&)> const& oneCycle, std::function<void()> const& atTheEnd = [] {})
-    {
-        SCOPED_TRACE("GSSIP_TEST_SEED=" + std::to_string(seed));
-        ASSERT_NO_THROW({
-            cycleJudge judge(manyCycles());
-            for (std::size_t each = 0; each < judge.cyclesToCome() && !HasFailure(); ++each)
-            {
-                oneCycle(judge);
-                judge.close();
-            }
-            ASSERT_FALSE(HasFailure());
-            judge.conclude(testing::UnitTest::GetInstance()->current_test_info()->name());
-        });
-        atTheEnd();
-    }
-
-    void waitUpTo(unsigned most_us)
-    {
-        auto const time_us = std::uniform_int_distribution<unsigned>(0, most_us)(random);
-        std::this_thread::sleep_for(std::chrono::microseconds(time_us));
-    }
 
     void expectThatThePortWorks()
     {
@@ -82,11 +49,7 @@ class QuickCycles : public testing::TestWithParam<placement>
         EXPECT_TRUE(port.stop());
     }
 
-    unsigned const seed = seedOfTest();
-    std::mt19937 random{seed};
-    cycles::placed where{GetParam()};
     kit::pseudoTerminal line;
-    monotonicTimeStamp clock;
     gssipPort port{line.name(), clock, nullptr, false};
 };
 
@@ -94,23 +57,21 @@ INSTANTIATE_TEST_SUITE_P(Places, QuickCycles, cycles::everyPlacement(), cycles::
 
 TEST_P(QuickCycles, StopRightBehindStart_LeavesNothing)
 {
-    run(
-        [this](cycleJudge& judge) {
-            judge.start(port);
-            judge.stop(port);
-        },
-        [this] { expectThatThePortWorks(); });
+    run(manyCycles(), [this](cycleJudge& judge) {
+        judge.start(port);
+        judge.stop(port);
+    });
+    expectThatThePortWorks();
 }
 
 TEST_P(QuickCycles, StopAfterARandomTime_LeavesNothing)
 {
-    run(
-        [this](cycleJudge& judge) {
-            judge.start(port);
-            waitUpTo(1000);
-            judge.stop(port);
-        },
-        [this] { expectThatThePortWorks(); });
+    run(manyCycles(), [this](cycleJudge& judge) {
+        judge.start(port);
+        waitUpTo(1000);
+        judge.stop(port);
+    });
+    expectThatThePortWorks();
 }
 
 /// A thread that makes one call of `getMessage` each time it is asked.
@@ -172,7 +133,7 @@ TEST_P(QuickCycles, CallerInGetMessage_ReturnsAtStop)
     constexpr int NO_RECEIVER = 0; // who comes after the stop
     waitingReceiver receiver(port);
     std::size_t cycle = 0;
-    run([&](cycleJudge& judge) {
+    run(manyCycles(), [&](cycleJudge& judge) {
         bool const isInside = cycle++ % 20 == 0;
         judge.start(port);
         receiver.receive();
@@ -260,58 +221,55 @@ TEST_P(ConservingCycles, FullQueue_IsKeptAtStopAndWrittenAfterwards)
     constexpr unsigned GAP_CHARACTERS = 10; // 0.1 ms, so that the queue lasts longer than the cycle
     ASSERT_EQ(port.configurePort(921600, 8, PARITY_NONE, 1, GAP_CHARACTERS, 1.0, 1.0, 5), 0);
     std::size_t interrupted = 0;
-    run(
-        [&](cycleJudge& judge) {
-            judge.start(port);
-            for (unsigned queued = port.getNumberQueuedMessages(); queued < FULL; ++queued)
-            {
-                port.sendMessage(messages.next(), false);
-            }
-            waitUpTo(1000);
-            judge.stop(port);
-            interrupted += port.getNumberQueuedMessages() > 0 ? 1U : 0U;
-            expectThatNoneIsLost();
-        },
-        [this] { expectThatAllComesAtLast(); });
+    run(manyCycles(), [&](cycleJudge& judge) {
+        judge.start(port);
+        for (unsigned queued = port.getNumberQueuedMessages(); queued < FULL; ++queued)
+        {
+            port.sendMessage(messages.next(), false);
+        }
+        waitUpTo(1000);
+        judge.stop(port);
+        interrupted += port.getNumberQueuedMessages() > 0 ? 1U : 0U;
+        expectThatNoneIsLost();
+    });
+    expectThatAllComesAtLast();
     EXPECT_GT(interrupted, manyCycles() / 2) << "the queue was empty before the stop";
 }
 
 TEST_P(ConservingCycles, ClosedGate_KeepsWhatWaitsBeforeIt)
 {
     port.setHandshakeTimeout_sec(-1.0); // waits without limit
-    run(
-        [&](cycleJudge& judge) {
-            judge.start(port); // which opens the gate for what is left
-            ASSERT_TRUE(kit::waitUntil([this] { return port.getNumberQueuedMessages() == 0; }));
-            expectThatNoneIsLost();
+    run(manyCycles(), [&](cycleJudge& judge) {
+        judge.start(port); // which opens the gate for what is left
+        ASSERT_TRUE(kit::waitUntil([this] { return port.getNumberQueuedMessages() == 0; }));
+        expectThatNoneIsLost();
 
-            line.write(kit::frame(9, gssipMessage::ACK_REQ_FLAG));
-            gssipMessage request;
-            ASSERT_EQ(port.getMessage(request, true), 0);
-            for (int each = 0; each < 3; ++each)
-            {
-                port.sendMessage(messages.next(), false);
-            }
-            waitUpTo(100);
-            judge.stop(port);
-            EXPECT_THAT(port.getNumberQueuedMessages(), AnyOf(2U, 3U)) << "one may have slept behind the gate";
-            expectThatNoneIsLost(1);
-        },
-        [this] { expectThatAllComesAtLast(); });
+        line.write(kit::frame(9, gssipMessage::ACK_REQ_FLAG));
+        gssipMessage request;
+        ASSERT_EQ(port.getMessage(request, true), 0);
+        for (int each = 0; each < 3; ++each)
+        {
+            port.sendMessage(messages.next(), false);
+        }
+        waitUpTo(100);
+        judge.stop(port);
+        EXPECT_THAT(port.getNumberQueuedMessages(), AnyOf(2U, 3U)) << "one may have slept behind the gate";
+        expectThatNoneIsLost(1);
+    });
+    expectThatAllComesAtLast();
 }
 
 TEST_P(ConservingCycles, PendingAcknowledgement_IsForgotten)
 {
-    run(
-        [&](cycleJudge& judge) {
-            judge.start(port);
-            port.sendMessage(messages.next(gssipMessage::ACK_REQ_FLAG), true);
-            ASSERT_TRUE(kit::waitUntil([this] { return port.getNumberQueuedMessages() == 0; }));
-            waitUpTo(100);
-            judge.stop(port);
-            expectThatNoneIsLost();
-        },
-        [this] { expectThatAllComesAtLast(); });
+    run(manyCycles(), [&](cycleJudge& judge) {
+        judge.start(port);
+        port.sendMessage(messages.next(gssipMessage::ACK_REQ_FLAG), true);
+        ASSERT_TRUE(kit::waitUntil([this] { return port.getNumberQueuedMessages() == 0; }));
+        waitUpTo(100);
+        judge.stop(port);
+        expectThatNoneIsLost();
+    });
+    expectThatAllComesAtLast();
 }
 
 } // namespace

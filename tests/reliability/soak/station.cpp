@@ -64,6 +64,7 @@ void station::fallSilent()
 bool station::stop()
 {
     std::lock_guard<std::mutex> const lock(sending);
+    giveBurst();
     started = false;
     return port.stop();
 }

@@ -31,7 +31,7 @@ class station
     void talk();
     void fallSilent(); ///< returns when nothing more will be given to the port
 
-    /// Until the next start nothing is given to the port, which would drop it.
+    /// In the middle of a burst. Until the next start nothing is given to the port, which would drop it.
     bool stop();
     bool start(); ///< tries for ten seconds
 

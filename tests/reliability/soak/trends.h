@@ -21,8 +21,9 @@ struct sample
 
 sample sampleNow(double processorTime_us);
 
-/// Fits a line through the samples behind the warm-up, the first `warmUp` of them, prints what it finds, and tells what
-/// has grown, or nothing.
+/// Prints how everything went on, and tells what has grown, or nothing. A count may never be above the first sample,
+/// which is taken before any fault. Through the rest a line is fitted, from behind the warm-up on, the first `warmUp`
+/// samples.
 std::string judgeTrends(std::vector<sample> const& samples, std::size_t warmUp, std::ostream& out);
 
 } // namespace soak
