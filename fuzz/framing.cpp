@@ -249,6 +249,7 @@ bytes filler(bytes const& stream, bool isVaried)
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the fuzzer calls it so
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* input, std::size_t size)
 {
     static bench receiver;

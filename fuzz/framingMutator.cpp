@@ -11,6 +11,7 @@
 #include <random>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-identifier-naming): of the fuzzer
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* input, std::size_t size, std::size_t mostBytes);
 
 namespace
@@ -149,7 +150,7 @@ class mutation
     {
         std::size_t const place = someHeader();
         if (place < input.size() && wordAt(place + 4) != 0 &&
-            place + HEADER_BYTES + 2U * wordAt(place + 4) + 2 <= input.size())
+            place + HEADER_BYTES + 2 * std::size_t{wordAt(place + 4)} + 2 <= input.size())
         {
             balance(place + HEADER_BYTES, wordAt(place + 4));
         }
@@ -202,6 +203,7 @@ class mutation
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the fuzzer calls it so
 extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* input, std::size_t size, std::size_t mostBytes,
                                                unsigned seed)
 {

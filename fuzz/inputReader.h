@@ -48,7 +48,7 @@ class inputReader
     std::vector<std::uint8_t> bytes(std::size_t count)
     {
         std::size_t const taken = std::min<std::size_t>(count, static_cast<std::size_t>(end - next));
-        std::vector<std::uint8_t> const result(next, next + taken);
+        std::vector<std::uint8_t> result(next, next + taken);
         next += taken;
         return result;
     }

@@ -37,7 +37,10 @@ std::uint16_t balanceOf(wordList const& words)
 /// Bit by bit: NaN is the same as itself, and 0.0 is not -0.0.
 bool isSameTime(double left, double right)
 {
-    return std::memcmp(&left, &right, sizeof left) == 0;
+    std::array<std::uint64_t, 2> images{};
+    std::memcpy(&images[0], &left, sizeof left);
+    std::memcpy(&images[1], &right, sizeof right);
+    return images[0] == images[1];
 }
 
 /// What a message is to hold, field by field.
@@ -424,6 +427,7 @@ class session
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the fuzzer calls it so
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* input, std::size_t size)
 {
     session(input, size).run();

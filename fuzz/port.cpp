@@ -214,6 +214,7 @@ class script
 
 } // namespace
 
+// NOLINTNEXTLINE(readability-identifier-naming): the fuzzer calls it so
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* input, std::size_t size)
 {
     script(input, size).play();

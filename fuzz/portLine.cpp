@@ -45,6 +45,13 @@ void pluggableLine::plug()
     std::filesystem::rename(fresh, name());
 }
 
+/// The name goes too: the system soon gives the terminal's own to somebody else's.
+void pluggableLine::unplug()
+{
+    std::filesystem::remove(name());
+    terminal.reset();
+}
+
 std::size_t pluggableLine::write(kit::bytes const& data)
 {
     ssize_t const count = terminal ? ::write(terminal->masterDescriptor(), data.data(), data.size()) : 0;

@@ -20,7 +20,7 @@ class pluggableLine
     std::string name() const { return (folder.path / "line").string(); }
 
     void plug();
-    void unplug() { terminal.reset(); }
+    void unplug();
     bool isPlugged() const { return terminal.has_value(); }
 
     /// Towards the port, as much as the line takes at once; the number of bytes.

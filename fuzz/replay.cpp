@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-identifier-naming): the fuzzer calls it so
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* input, std::size_t size);
 
 namespace
