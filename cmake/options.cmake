@@ -39,8 +39,12 @@ function(gssip_add_library name alias)
     CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
-  target_link_options(${name} PRIVATE -Wl,--as-needed)
+  # What the library exports it also calls itself: directly, as no program replaces it.
+  target_compile_options(${name} PRIVATE -fno-semantic-interposition)
+  target_link_options(${name} PRIVATE -Wl,--as-needed -Wl,-Bsymbolic-functions)
   if(NOT GSSIP_SANITIZE) # whose functions stand in the program
-    target_link_options(${name} PRIVATE -Wl,--no-undefined)
+    set(exports ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+    target_link_options(${name} PRIVATE -Wl,--no-undefined -Wl,--version-script=${exports})
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS ${exports})
   endif()
 endfunction()

@@ -10,12 +10,11 @@ about='(vtable for |typeinfo for |typeinfo name for |VTT for |(non-)?virtual thu
 # A member of the class itself; a class inside it has one more "::" before the arguments.
 member='::(~?[A-Za-z_0-9]+|operator=|operator\(\))(\[abi:[a-z0-9]+\])?([(<].*)?( const)?$'
 
-# The names that a library defines, but for instances of the standard library's templates: those are weak, and common
-# to every program that uses them.
+# The names that a library exports, but for that of their version.
 own_names()
 {
-    nm --dynamic --defined-only "$(find_in "$PREFIX" "$1")" | cut -d ' ' -f 3 |
-        grep -vE '^_Z(T[ISVT]|GV)?Z?N?K?(S[tabsiod]|9__gnu_cxx)' | c++filt
+    nm --dynamic --defined-only --without-symbol-versions "$(find_in "$PREFIX" "$1")" | grep -v ' A GSSIP_1$' |
+        cut -d ' ' -f 3 | c++filt
 }
 
 for library in libgssipport.so libgssipsupport.so; do
