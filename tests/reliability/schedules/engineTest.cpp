@@ -202,9 +202,7 @@ TEST_P(Engine, ConditionNotLookedAtAgain_Found)
 TEST_P(Engine, ConditionLookedAtAgain_NothingFoundThoughWaitsEndForNothing)
 {
     std::optional<finding> const found = find([](scheduler& schedule) { consume(schedule, true); }, FEW,
-                                              [](dice&) {
-                                                  return liberties{0, 5, 0, false, false, false};
-                                              });
+                                              [](dice&) { return liberties{0, 5, 0, false, false, false}; });
     EXPECT_FALSE(found) << found->result.fault;
 }
 

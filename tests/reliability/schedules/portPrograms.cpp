@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t NS_PER_SEC = 1'000'000'000;
 constexpr unsigned BITS_PER_CHARACTER = 10;
+constexpr double HANDSHAKE_SEC = 0.6;
 
 liberties drawLiberties(dice& chance)
 {
@@ -101,7 +102,8 @@ struct scene
     {
         for (station* each : {&left, &right})
         {
-            if (each->port.configurePort(speedOf(traits), 8, PARITY_NONE, 1, 0, 0.2, 0.6, 5) != 0)
+            double const handshake_sec = schedule.chance().onceIn(3) ? -1.0 : HANDSHAKE_SEC;
+            if (each->port.configurePort(speedOf(traits), 8, PARITY_NONE, 1, 0, 0.2, handshake_sec, 5) != 0)
             {
                 schedule.fail("configurePort has failed");
             }
@@ -124,12 +126,23 @@ struct scene
     /// Both ports are started; everything that is under way ends, and the accounts must be right.
     void judge(circumstances const& under)
     {
+        goOn();
         awaitQuiet(schedule, left, right);
         expectThreads(8 + 2);
         for (station* each : {&left, &right})
         {
             judgeSent(schedule, *each, under);
             judgeReceived(schedule, *each, under);
+        }
+    }
+
+    /// Who has waited before the gate without a limit has waited long enough.
+    void goOn()
+    {
+        for (station* each : {&left, &right})
+        {
+            each->port.setHandshakeTimeout_sec(HANDSHAKE_SEC);
+            each->port.signalPortReady();
         }
     }
 
@@ -532,6 +545,7 @@ void blockedLine(scheduler& schedule)
         }
         std::this_thread::sleep_for(100ms);
     }
+    scene.goOn();
     awaitQuiet(schedule, scene.left, scene.right);
     scene.end();
 }

@@ -48,6 +48,23 @@ TEST_P(PortSchedules, EveryOrderOfSteps_KeepsEveryMessageAndEnds)
     explore({program.name, first, schedulesOfEach(), program.allow, program.run});
 }
 
+TEST_P(PortSchedules, EqualSeeds_GiveEqualSteps)
+{
+    auto const& [program, strategy] = GetParam();
+    for (std::uint64_t seed = 1; seed <= 5; ++seed)
+    {
+        plan wanted = strategy;
+        wanted.seed = seed;
+        wanted.steps = program.steps;
+        dice chance(seed);
+        liberties const allowed = program.allow(chance);
+        outcome const once = run(wanted, allowed, program.run);
+        outcome const again = run(wanted, allowed, program.run);
+        EXPECT_EQ(once.digest, again.digest) << program.name << ", " << wanted.describe();
+        EXPECT_GT(once.steps, 50U);
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(All, PortSchedules,
                          testing::Combine(testing::ValuesIn(portPrograms()), testing::ValuesIn(everyStrategy())),
                          [](auto const& each) {

@@ -76,7 +76,8 @@ struct thread
     void* result = nullptr;
     bool isDetached = false;
     bool isJoined = false;
-    sigset_t signals{}; ///< blocked
+    bool goesToSleep = false; ///< it releases a mutex in order to wait on a condition
+    sigset_t signals{};       ///< blocked
 
     threadState state = threadState::able;
     waiting waitsFor = waiting::nothing;
@@ -128,7 +129,7 @@ class scheduler
     void failCreation(unsigned nth) { creationsUntilFailure = nth; }
     /// The threads that exist, the caller's included.
     unsigned livingThreads() const;
-    thread const& self() const { return *running; }
+    thread& self() { return *running; }
     fileTable& files() { return *table; }
 
     // For those who stand in for the C library.

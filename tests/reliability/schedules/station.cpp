@@ -17,7 +17,7 @@ constexpr auto LONGEST_UNTIL_QUIET = 40s;
 
 station::station(scheduler& scheduleOf, line& lineToUse, line::end placeOnLine, asciiLogInterface* log)
     : schedule(scheduleOf), cable(lineToUse), here(placeOnLine), port(line::path(placeOnLine), clock, log, false),
-      book(scheduleOf, port)
+      book(scheduleOf, port), gate(scheduleOf, port)
 {
     std::string const side = placeOnLine == line::LEFT ? "left " : "right ";
     schedule.nameObject(&port.txMutex, side + "txMutex");

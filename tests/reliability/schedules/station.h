@@ -2,6 +2,7 @@
 #define SCHEDULES_STATION_H
 
 #include "exposedPort.h"
+#include "gateWatch.h"
 #include "ledger.h"
 #include "line.h"
 #include "monotonicTimeStamp.h"
@@ -64,6 +65,7 @@ class station
 
   private:
     ledger book;
+    gateWatch gate;
     std::uint16_t lastId = 0;
     std::vector<std::uint16_t> deliveredIds;
     std::atomic<bool> leaving{false};

@@ -80,7 +80,9 @@ int waitOn(scheduler& schedule, pthread_cond_t& condition, pthread_mutex_t& mute
     checkCondition(schedule, condition);
     checkMutex(schedule, mutex);
     schedule.step("is about to wait on", &condition);
+    schedule.self().goesToSleep = true;
     release(schedule, mutex);
+    schedule.self().goesToSleep = false;
     schedule.record("waits on", &condition);
     wake const reason = schedule.block(waiting::condition, &condition, deadline_ns, onWallClock);
     schedule.record(reason == wake::timeout ? "has waited too long on" : "was woken from", &condition);
@@ -216,7 +218,7 @@ int pthread_sigmask(int how, sigset_t const* set, sigset_t* former) noexcept
     {
         return real(how, set, former);
     }
-    sigset_t& mask = const_cast<thread&>(schedule->self()).signals;
+    sigset_t& mask = schedule->self().signals;
     if (former != nullptr)
     {
         *former = mask;

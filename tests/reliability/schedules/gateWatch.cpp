@@ -1,0 +1,33 @@
+#include "gateWatch.h"
+
+namespace schedules
+{
+
+gateWatch::gateWatch(scheduler& scheduleOf, kit::exposedPort& watchedPort) : schedule(scheduleOf), port(watchedPort)
+{
+    schedule.watchMutex(&port.readyMutex, [this](thread const& by) { look(by); });
+}
+
+gateWatch::~gateWatch()
+{
+    schedule.forgetMutex(&port.readyMutex);
+}
+
+/// Whenever `readyMutex` is released.
+void gateWatch::look(thread const& by)
+{
+    if (scheduler::idOf(by) == port.txThread)
+    {
+        if (mayPass && by.goesToSleep)
+        {
+            schedule.fail("the gate was opened for the transmit thread, which waits on");
+        }
+        mayPass = false;
+    }
+    else if (port.portReady && schedule.anyoneWaits(waiting::condition, &port.readyCond))
+    {
+        mayPass = true;
+    }
+}
+
+} // namespace schedules
