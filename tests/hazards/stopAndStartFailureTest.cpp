@@ -154,6 +154,26 @@ TEST(StartWithoutDevice, ConsumerOfTheFailedStart_IsReleasedByTheNext)
     expectTraffic(rig);
 }
 
+/// Else a former reader could take bytes for a receiver that is about to go.
+TEST(StartWithoutDevice, FormerThreads_EndBeforeTheDeviceIsOpened)
+{
+    portWithoutDevice rig;
+    ASSERT_FALSE(rig.port.start());
+    auto* const formerFrames = kit::exposedReceive::of(*rig.port.receiver).frameMutex.native_handle();
+    kit::pauseBeforeLock pause( // to end the former receiver
+        [=](pthread_mutex_t& mutex) { return &mutex == formerFrames && kit::isThread("starter"); });
+    threadCallsReplaced const replaced(pause);
+    rig.plugIn();
+    kit::callOnThread<bool> starting([&] {
+        pthread_setname_np(pthread_self(), "starter");
+        return rig.port.start();
+    });
+    pause.place.awaitArrival();
+    EXPECT_FALSE(rig.port.serial.isOpen());
+    pause.place.letGo();
+    EXPECT_TRUE(starting.get());
+}
+
 // --- No thread
 
 /// Refuses one creation of a thread, or one naming.

@@ -99,6 +99,40 @@ TEST(FullQueueAtStop, NothingIsTakenWhileTheDeviceIsStillOpen)
     EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
 }
 
+/// Nor does a thread that has waited in the gate when the stop began.
+TEST(FullQueueAtStop, GateThatOpensWhileTheDeviceIsStillOpen_LetsNothingOut)
+{
+    kit::portOnLine<> rig;
+    kit::threadWatch const watch;
+    rig.port.setHandshakeTimeout_sec(-1.0);
+    ASSERT_TRUE(rig.port.start());
+    pid_t const transmitThread = watch.idOf("GP TX");
+    ASSERT_TRUE(kit::waitUntilAsleep(transmitThread)); // behind the open gate
+    rig.port.resetPortReady();
+    sendIds(rig.port, 1, 50);
+    ASSERT_EQ(rig.line.read(10), frame(1, 0));
+    ASSERT_TRUE(kit::waitUntilAsleep(transmitThread)); // before the shut one
+    std::atomic<bool> txMutexTaken{false};
+    kit::pauseBeforeLock pause([&](pthread_mutex_t& mutex) { // the first lock after that of the queue
+        bool const next = kit::isThread("stopper") && txMutexTaken;
+        txMutexTaken = txMutexTaken || (kit::isThread("stopper") && &mutex == &rig.port.txMutex);
+        return next;
+    });
+    kit::threadCallsReplaced const replaced(pause);
+    callOnThread<bool> stopping([&] {
+        pthread_setname_np(pthread_self(), "stopper");
+        return rig.port.stop();
+    });
+    pause.place.awaitArrival();
+    ASSERT_TRUE(rig.port.serial.isOpen());
+    rig.port.signalPortReady();
+    EXPECT_THAT(rig.line.readUntilQuiet(), testing::IsEmpty());
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
+    pause.place.letGo();
+    EXPECT_TRUE(stopping.get());
+    EXPECT_EQ(rig.port.getNumberQueuedMessages(), 49U);
+}
+
 /// The transmit thread has taken it and waits for its turn to write while the port is stopped. The next start sends it
 /// first, tracked or not as it was.
 TEST(FullQueueAtStop, MessageThatHasNotReachedTheDevice_GoesBackToTheFront)

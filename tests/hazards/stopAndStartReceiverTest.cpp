@@ -61,6 +61,46 @@ TEST(GetMessageAgainstStop, CallerThatEntersJustAsThePortStops_KeepsTheReceiver)
     EXPECT_TRUE(kit::waitUntil([&] { return receiver.expired(); }));
 }
 
+/// Holds back the first consumer that has been woken. It holds the queue's mutex.
+class pauseAfterWait : public kit::threadCalls
+{
+  public:
+    void afterWait(pthread_cond_t& /*condition*/) override
+    {
+        if (kit::isThread(nameOfConsumer))
+        {
+            place.pass();
+        }
+    }
+
+    kit::checkpoint place;
+};
+
+/// A receiver that is used without a port's share in it has to see to its callers by itself.
+TEST(ReceiverAlone, CallerOnItsWayOut_IsWaitedForByTheDestructor)
+{
+    portOnLine<> rig;
+    auto receiver = std::make_unique<gssipReceive>(rig.port, &rig.log);
+    pauseAfterWait pause;
+    threadCallsReplaced const replaced(pause);
+    callOnThread<int> consumer([&, inUse = receiver.get()] {
+        pthread_setname_np(pthread_self(), nameOfConsumer.c_str());
+        gssipMessage received;
+        return (*inUse)(received);
+    });
+    consumer.awaitAsleep();
+    callOnThread<bool> ending([&] {
+        receiver.reset();
+        return true;
+    });
+    pause.place.awaitArrival();
+    ending.awaitAsleep();
+    EXPECT_FALSE(ending.hasEnded());
+    pause.place.letGo();
+    EXPECT_EQ(consumer.get(), -1);
+    EXPECT_TRUE(ending.get());
+}
+
 TEST(GetMessageAgainstStop, CallersAndQueriesInLoops_SurviveEveryRestart)
 {
     portOnLine<> rig;

@@ -72,6 +72,9 @@ class exposedReceive : public gssipReceive
     using gssipReceive::state;
     using gssipReceive::stopProcess;
     using gssipReceive::stopRead;
+
+    /// The same view of a receiver that a port owns.
+    static exposedReceive& of(gssipReceive& receiver) { return static_cast<exposedReceive&>(receiver); }
 };
 
 /// A tracker whose protected members a test can reach.

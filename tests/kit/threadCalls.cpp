@@ -124,22 +124,30 @@ int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
     static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
-    return isOverBeforeItBegins(*condition) ? wakeForNothing(mutex) : real(condition, mutex);
+    int const status = isOverBeforeItBegins(*condition) ? wakeForNothing(mutex) : real(condition, mutex);
+    tell([&](kit::threadCalls& calls) { calls.afterWait(*condition); });
+    return status;
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
 {
     static auto* const real =
         next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
-    return isOverBeforeItBegins(*condition) && isAhead(clock, *deadline) ? wakeForNothing(mutex)
-                                                                         : real(condition, mutex, clock, deadline);
+    int const status = isOverBeforeItBegins(*condition) && isAhead(clock, *deadline)
+                           ? wakeForNothing(mutex)
+                           : real(condition, mutex, clock, deadline);
+    tell([&](kit::threadCalls& calls) { calls.afterWait(*condition); });
+    return status;
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline)
 {
     static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
-    return isOverBeforeItBegins(*condition) && isAhead(CLOCK_REALTIME, *deadline) ? wakeForNothing(mutex)
-                                                                                  : real(condition, mutex, deadline);
+    int const status = isOverBeforeItBegins(*condition) && isAhead(CLOCK_REALTIME, *deadline)
+                           ? wakeForNothing(mutex)
+                           : real(condition, mutex, deadline);
+    tell([&](kit::threadCalls& calls) { calls.afterWait(*condition); });
+    return status;
 }
 
 } // extern "C"

@@ -30,6 +30,7 @@ class threadCalls
     virtual int setName(pthread_t thread, char const* name);
     virtual void beforeLock(pthread_mutex_t& /*mutex*/) {}    ///< on the thread that is about to lock
     virtual void beforeWait(pthread_cond_t& /*condition*/) {} ///< on the thread that is about to wait, mutex held
+    virtual void afterWait(pthread_cond_t& /*condition*/) {}  ///< on the thread that has waited, mutex held
     /// Whether the wait that comes now ends at once, though nobody has signalled; after `beforeWait`.
     virtual bool wakesForNothing() { return false; }
 };
