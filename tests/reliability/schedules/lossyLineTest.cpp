@@ -11,6 +11,8 @@ namespace
 
 using namespace schedules;
 
+constexpr std::uint64_t SEEDS_OF_A_STRATEGY = 100'000'000;
+
 liberties drawLiberties(dice& chance)
 {
     liberties allowed;
@@ -38,7 +40,9 @@ TEST_P(LossyLine, PortsAndModel_Agree)
 {
     lossyTally tally;
     std::uint64_t const count = bySize<std::uint64_t>(1000, 100'000, 1'000'000) / everyStrategy().size();
-    explore({"lossy line", GetParam(), count, drawLiberties,
+    plan first = GetParam();
+    first.seed = first.depth * SEEDS_OF_A_STRATEGY; // other traffic for each strategy
+    explore({"lossy line", first, count, drawLiberties,
              [&tally](scheduler& schedule) { exchangeOverLossyLine(schedule, tally); }});
     print(tally);
 }
