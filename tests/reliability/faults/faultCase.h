@@ -33,7 +33,7 @@ struct outcome
     double duration_sec = 0.0;
 };
 
-/// Lets the C++ library make what it makes once and keeps.
+/// Lets the C++ library, or a sanitizer, make what it makes once and keeps.
 void warmUp(scenario const& where);
 
 /// Runs the scenario under the faults, lets the port recover without them, and judges both.
