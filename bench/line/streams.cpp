@@ -2,6 +2,7 @@
 
 #include "stream.h"
 
+#include <atomic>
 #include <deque>
 
 namespace bench
@@ -131,6 +132,46 @@ figures burstIntoRawK3(options const& asked)
     return burst(line, receiver, asked);
 }
 
+constexpr std::size_t LOT = 50;
+
+/// Lots of messages; the next when all of one have arrived. `sendLot` takes a port and the messages.
+template <typename SendLot>
+figures lots(options const& asked, SendLot const& sendLot)
+{
+    pairOf<portEnd> const ends = makePorts(asked);
+    auto& arrived = everlasting<std::atomic<std::size_t>>(0);
+    auto& complete = everlasting<std::promise<void>*>(nullptr);
+    threadOn(place::farEnd, [ends, &arrived, &complete] {
+        forEachReceived(ends.far, [&](gssipMessage const&) {
+            if (++arrived % LOT == 0)
+            {
+                complete->set_value();
+            }
+        });
+    }).detach();
+    std::vector<gssipMessage> const lot(LOT, messageOf(asked.bytes));
+    return timeStream(
+        asked.count,
+        [&](std::size_t) {
+            complete = &everlasting<std::promise<void>>();
+            sendLot(ends.near, lot);
+            complete->get_future().wait();
+        },
+        [] {});
+}
+
+figures lotsOneByOne(options const& asked)
+{
+    return lots(asked, [](portEnd& port, std::vector<gssipMessage> const& lot) { port.sendMessages(lot, true); });
+}
+
+figures lotsAtOnce(options const& asked)
+{
+    return lots(asked, [](portEnd& port, std::vector<gssipMessage> const& lot) {
+        port.sendDtMessages(lot.begin(), static_cast<unsigned>(lot.size()));
+    });
+}
+
 } // namespace
 
 void addStreams(measurements& all)
@@ -146,6 +187,8 @@ void addStreams(measurements& all)
     };
     all[{"trackedStream", "port"}] = trackedStreamOfPort;
     all[{"trackedStream", "rawK3"}] = repliedStreamOfRawK3;
+    all[{"lots", "oneByOne"}] = lotsOneByOne;
+    all[{"lots", "atOnce"}] = lotsAtOnce;
     all[{"burst", "port"}] = burstIntoPort;
     all[{"burst", "rawK3"}] = burstIntoRawK3;
 }

@@ -45,7 +45,12 @@ class trackerOfPort
         tracker.processReceiveAckNak(gssipMessage(id, gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG, 0), handled);
     }
 
-    std::deque<gssipSendAckReqEvent>& events() { return tracker.eventQ; }
+    /// In its place at the back.
+    void append(gssipMessage& message) { insert(message, 0); }
+
+    void forget(std::uint16_t id) { acknowledge(id); }
+
+    std::size_t size() const { return tracker.eventQ.size(); }
 
   private:
     struct exposed : gssipSendAckReq
@@ -65,12 +70,7 @@ class bareEvents
   public:
     void insert(gssipMessage& message, double age_sec)
     {
-        gssipSendAckReqEvent event;
-        event.message = message;
-        event.absTimeout.tv_sec = static_cast<std::time_t>(PATIENT_SEC - age_sec);
-        event.absTimeout.tv_nsec = static_cast<long>(nextId % 1'000'000'000);
-        event.eventId = nextId++;
-        queue.push_back(std::move(event));
+        push(message, age_sec);
         if (age_sec > 0)
         {
             std::sort(queue.begin(), queue.end(), eventLess);
@@ -83,14 +83,33 @@ class bareEvents
 
     void acknowledge(std::uint16_t /*id*/) { queue.pop_front(); }
 
-    std::deque<gssipSendAckReqEvent>& events() { return queue; }
+    /// Without a look at the others.
+    void append(gssipMessage const& message) { push(message, 0); }
+
+    void forget(std::uint16_t id)
+    {
+        queue.erase(std::find_if(queue.begin(), queue.end(),
+                                 [id](gssipSendAckReqEvent const& event) { return event.message.getId() == id; }));
+    }
+
+    std::size_t size() const { return queue.size(); }
 
   private:
+    void push(gssipMessage const& message, double age_sec)
+    {
+        gssipSendAckReqEvent event;
+        event.message = message;
+        event.absTimeout.tv_sec = static_cast<std::time_t>(PATIENT_SEC - age_sec);
+        event.absTimeout.tv_nsec = static_cast<long>(nextId % 1'000'000'000);
+        event.eventId = nextId++;
+        queue.push_back(std::move(event));
+    }
+
     std::uint32_t nextId = 0;
     std::deque<gssipSendAckReqEvent> queue;
 };
 
-/// Keeps so many events pending between two measurements.
+/// So many events that stay, with ids below those of the messages that come and go.
 template <typename Events>
 class pending
 {
@@ -99,7 +118,7 @@ class pending
     {
         for (std::size_t i = 0; i < AT_ONCE; ++i)
         {
-            messages.push_back(tracked(i));
+            messages.push_back(tracked(FIRST_PASSING_ID + i));
         }
         for (std::size_t i = 0; i < length; ++i)
         {
@@ -107,44 +126,45 @@ class pending
         }
     }
 
-    void checkLength(std::size_t expected)
+    void append()
     {
-        if (events.events().size() != expected)
+        gssipMessage message = tracked(nextMessage++ % FIRST_PASSING_ID);
+        events.append(message);
+    }
+
+    void forgetPassing()
+    {
+        for (gssipMessage const& message : messages)
+        {
+            if (events.size() > length)
+            {
+                events.forget(message.getId());
+            }
+        }
+        checkLength();
+    }
+
+    void checkLength() const
+    {
+        if (events.size() != length)
         {
             throw std::logic_error("not as many are pending as there should be");
         }
     }
 
-    /// As `insert` does it, but without the look at the whole queue.
-    void append()
-    {
-        gssipMessage message = tracked(nextMessage++);
-        std::deque<gssipSendAckReqEvent> before;
-        before.swap(events.events());
-        events.insert(message, 0);
-        before.push_back(std::move(events.events().front()));
-        events.events().swap(before);
-    }
+    static constexpr std::size_t FIRST_PASSING_ID = 60000;
 
     Events events;
     std::vector<gssipMessage> messages;
     std::size_t const length;
     std::size_t nextMessage = 0;
-    std::size_t nextAcknowledged = 0;
 };
 
 template <typename Events>
 struct inOrder : pending<Events>
 {
     using pending<Events>::pending;
-    void prepare()
-    {
-        while (this->events.events().size() > this->length)
-        {
-            this->events.events().pop_back();
-        }
-        this->checkLength(this->length);
-    }
+    void prepare() { this->forgetPassing(); }
     void work()
     {
         for (gssipMessage& message : this->messages)
@@ -158,44 +178,41 @@ template <typename Events>
 struct outOfOrder : pending<Events>
 {
     using pending<Events>::pending;
-    void prepare()
-    {
-        while (this->events.events().size() > this->length)
-        {
-            this->events.events().pop_front();
-        }
-        this->checkLength(this->length);
-    }
+    void prepare() { this->forgetPassing(); }
     void work()
     {
         double age_sec = 100;
         for (gssipMessage& message : this->messages)
         {
-            this->events.insert(message, age_sec++); // to the front of those before
+            this->events.insert(message, age_sec++); // before all others
         }
     }
 };
 
 /// The oldest of those that are pending when the measurement begins, and the next ones.
 template <typename Events>
-struct acknowledgedOldest : pending<Events>
+class acknowledgedOldest : public pending<Events>
 {
+  public:
     explicit acknowledgedOldest(std::size_t count) : pending<Events>(count + AT_ONCE - 1) {}
     void prepare()
     {
-        while (this->events.events().size() < this->length)
+        while (this->events.size() < this->length)
         {
             this->append();
         }
-        this->checkLength(this->length);
+        this->checkLength();
     }
     void work()
     {
         for (std::size_t i = 0; i < AT_ONCE; ++i)
         {
-            this->events.acknowledge(static_cast<std::uint16_t>(this->nextAcknowledged++));
+            this->events.acknowledge(static_cast<std::uint16_t>(next++ % this->FIRST_PASSING_ID));
         }
     }
+
+  private:
+    std::size_t next = 0;
 };
 
 template <typename Subject>

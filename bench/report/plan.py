@@ -158,6 +158,12 @@ def line_cases():
             targets=(at_least("rate_per_sec", "rate", 0.8), at_most("cpu_ns", "CPU a message", 1.3)),
         ),
         Case(
+            "lots of 50 messages, sendDtMessages against sendMessages",
+            port=line("lots", "atOnce", 200),
+            floor=line("lots", "oneByOne", 200),
+            targets=(shown("cpu_ns", "CPU"), shown("rate_per_sec", "rate")),
+        ),
+        Case(
             "idle",
             port=line("idle", "port", 1),
             floor=None,
