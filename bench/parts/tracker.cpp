@@ -7,6 +7,7 @@
 #include "timing.h"
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <memory>
 #include <stdexcept>
@@ -26,6 +27,11 @@ gssipMessage tracked(std::size_t number)
     return messageOf(42, static_cast<std::uint16_t>(number), gssipMessage::ACK_REQ_FLAG);
 }
 
+gssipMessage acknowledgementOf(std::uint16_t id)
+{
+    return gssipMessage(id, gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG, 0);
+}
+
 /// The library's tracker.
 class trackerOfPort
 {
@@ -39,16 +45,16 @@ class trackerOfPort
         tracker.processSendAckRequest(message);
     }
 
-    void acknowledge(std::uint16_t id)
+    void acknowledge(gssipMessage const& acknowledgement)
     {
         bool handled = false;
-        tracker.processReceiveAckNak(gssipMessage(id, gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG, 0), handled);
+        tracker.processReceiveAckNak(acknowledgement, handled);
     }
 
     /// In its place at the back.
     void append(gssipMessage& message) { insert(message, 0); }
 
-    void forget(std::uint16_t id) { acknowledge(id); }
+    void forget(std::uint16_t id) { acknowledge(acknowledgementOf(id)); }
 
     std::size_t size() const { return tracker.eventQ.size(); }
 
@@ -81,7 +87,7 @@ class bareEvents
         }
     }
 
-    void acknowledge(std::uint16_t /*id*/) { queue.pop_front(); }
+    void acknowledge(gssipMessage const& /*acknowledgement*/) { queue.pop_front(); }
 
     /// Without a look at the others.
     void append(gssipMessage const& message) { push(message, 0); }
@@ -202,17 +208,22 @@ class acknowledgedOldest : public pending<Events>
             this->append();
         }
         this->checkLength();
+        for (gssipMessage& acknowledgement : acknowledgements)
+        {
+            acknowledgement = acknowledgementOf(static_cast<std::uint16_t>(next++ % this->FIRST_PASSING_ID));
+        }
     }
     void work()
     {
-        for (std::size_t i = 0; i < AT_ONCE; ++i)
+        for (gssipMessage const& acknowledgement : acknowledgements)
         {
-            this->events.acknowledge(static_cast<std::uint16_t>(next++ % this->FIRST_PASSING_ID));
+            this->events.acknowledge(acknowledgement);
         }
     }
 
   private:
     std::size_t next = 0;
+    std::array<gssipMessage, AT_ONCE> acknowledgements;
 };
 
 template <typename Subject>
