@@ -2,6 +2,8 @@
 
 from dataclasses import dataclass, field
 
+ONE_WAY = "one way, 42 bytes"
+
 REAL_TIME = "RR"
 ORDINARY = "nort"
 
@@ -35,9 +37,6 @@ class Run:
 
     program: str
     arguments: tuple
-
-    def command(self, programs, scheduling):
-        return programs.command(self, scheduling)
 
 
 @dataclass(frozen=True)
@@ -110,7 +109,7 @@ def line_cases():
             targets=(at_most("stalls_percent", "stalls over 50 ms, %", 0.0, 0.2, of_floor=False),),
         ),
         Case(
-            "one way, 42 bytes",
+            ONE_WAY,
             **pair("oneWay", 600),
             targets=(at_most("p50_ns", "p50", 1.1), at_most("cpu_ns", "CPU", 1.15)),
             peers={"raw-write": line("oneWay", "rawWrite", 600)},
@@ -282,7 +281,9 @@ class Curve:
 
 
 def part_curve(key, title, x_title, y_title, subject, floor, sizes, units):
-    points = tuple((size, part(f"{subject}/port/{size}"), part(f"{subject}/{floor}/{size}"), units(size)) for size in sizes)
+    points = tuple(
+        (size, part(f"{subject}/port/{size}"), part(f"{subject}/{floor}/{size}"), units(size)) for size in sizes
+    )
     return Curve(key, title, x_title, y_title, "time_ns", points)
 
 

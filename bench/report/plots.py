@@ -61,7 +61,8 @@ def titles(curve):
 
 def series(points, colour, x, y):
     placed = [(x.place(size), y.place(cost)) for size, cost in points]
-    yield f'<polyline points="{" ".join(f"{a},{b}" for a, b in placed)}" fill="none" stroke="{colour}" stroke-width="2"/>'
+    corners = " ".join(f"{a},{b}" for a, b in placed)
+    yield f'<polyline points="{corners}" fill="none" stroke="{colour}" stroke-width="2"/>'
     for a, b in placed:
         yield f'<circle cx="{a}" cy="{b}" r="2.5" fill="{colour}"/>'
 
@@ -77,5 +78,6 @@ def svg(curve, results):
     parts = [*grid(x, y), *titles(curve)]
     for name, points in found.items():
         parts += series(points, COLOURS[name], x, y)
-    head = f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" font-family="sans-serif" font-size="11">'
+    size = f'viewBox="0 0 {WIDTH} {HEIGHT}"'
+    head = f'<svg xmlns="http://www.w3.org/2000/svg" {size} font-family="sans-serif" font-size="11">'
     return "\n".join([head, '<rect width="100%" height="100%" fill="#fff"/>', *parts, "</svg>", ""])

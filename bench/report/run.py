@@ -13,8 +13,9 @@ import plots
 import runner
 import table
 
-TABLE_BEGIN = "<!-- figures: written by scripts/bench --document -->"
-TABLE_END = "<!-- end of figures -->"
+# What stands between these two in the document is written here.
+PART_BEGIN = "<!-- {}: written by scripts/bench --document -->"
+PART_END = "<!-- end of {} -->"
 
 
 def read_command_line():
@@ -54,12 +55,13 @@ def save_plots(folder, curves, results):
                 file.write(image)
 
 
-def put_into(document, rows):
+def put_into(document, part, content):
+    begin, end = PART_BEGIN.format(part), PART_END.format(part)
     with open(document, encoding="utf-8") as file:
-        before, rest = file.read().split(TABLE_BEGIN)
-    after = rest.split(TABLE_END)[1]
+        before, rest = file.read().split(begin)
+    after = rest.split(end)[1]
     with open(document, "w", encoding="utf-8") as file:
-        file.write(f"{before}{TABLE_BEGIN}\n{table.markdown(rows)}\n{TABLE_END}{after}")
+        file.write(f"{before}{begin}\n{content}\n{end}{after}")
 
 
 def main():
@@ -68,6 +70,9 @@ def main():
     wanted = re.compile(asked.only)
     cases = [case for case in plan.line_cases() + plan.part_cases() if wanted.search(case.key)]
     curves = [curve for curve in plan.curves() if wanted.search(curve.title)]
+    if not cases and not curves:
+        print(f"nothing is called {asked.only}", file=sys.stderr)
+        return 2
     curve_cases = [case for curve in curves for case in curve.cases()]
 
     results = runner.run_all(programs, cases, asked.rounds, asked.seed, schedulings(), os.isatty(2))
@@ -76,7 +81,8 @@ def main():
     )
     rows = list(table.rows(cases, results))
     print(table.text(rows))
-    print(f"\nMedians of the figures themselves, which mean nothing outside this run:\n{table.peers(cases, results)}")
+    if beside := table.peers(cases, results):
+        print(f"\nMedians of the figures themselves, which mean nothing outside this run:\n{beside}")
     save(asked, rows, results)
     if asked.compare:
         with open(asked.compare, encoding="utf-8") as file:
@@ -84,7 +90,8 @@ def main():
     if asked.plots:
         save_plots(asked.plots, curves, results)
     if asked.document:
-        put_into(asked.document, rows)
+        put_into(asked.document, "figures", table.markdown(rows))
+        put_into(asked.document, "line costs", table.line_costs(results, plan.ONE_WAY, 42))
     return 1 if any(row.get("failed") for row in rows) else 0
 
 

@@ -156,3 +156,23 @@ def peers(cases, results):
                 told = "  ".join(f"{figure} {number(value)}" for figure, value in figures.items())
                 lines.append((case.key, scheduling, name, told))
     return aligned(lines) if len(lines) > 1 else ""
+
+
+SPEEDS = (9600, 115200, 921600, 4_000_000)
+BITS_A_BYTE = 10  # on a line with 8 data bits, no parity, 1 stop bit
+
+
+def line_costs(results, case_key, bytes_a_message):
+    """What messages back to back cost on a line of that speed, as a table of the document; empty when not measured.
+
+    Both ends sleep between two messages, which is the dearest way: a message wakes every thread on its way.
+    """
+    lines = ["| Line, bit/s | Messages a second | One processor, sending and receiving all of them |", "|---|---|---|"]
+    found = results.get((case_key, "nort"), {}).get("port", [])
+    costs_ns = [figures["cpu_ns"] for figures in found if figures]
+    if not costs_ns:
+        return ""
+    for speed in SPEEDS:
+        rate = speed / BITS_A_BYTE / bytes_a_message
+        lines.append(f"| {speed} | {rate:.0f} | {100 * rate * median(costs_ns) * 1e-9:.2g} % |")
+    return "\n".join(lines)
