@@ -33,7 +33,7 @@ class GSSIP_EXPORT ThreadSafeQueue
         {
             access const lock(*this);
             queue.emplace_back(std::forward<Arguments>(arguments)...);
-            counts->pushed.fetch_add(1, std::memory_order_release);
+            counts->pushed.store(pushed() + 1, std::memory_order_release); // one thread at a time is here
         }
         queueCondition.notify_one();
     }

@@ -145,27 +145,21 @@ int gssipSendAckReq::registerMessage(gssipMessage const& message, bool wasAnnoun
     }
     gssipSendAckReqEvent event;
     event.message = message;
-    std::int64_t offset_ns = 0;
-    if (int const status = computeDeadline(message.getSendTimeStamp(), event, offset_ns); status != 0)
+    for (;;) // once, unless the wall clock has been stepped
     {
-        return status;
+        std::uint32_t const doubts = own->clock.doubts();
+        if (int const status = computeAckNakAbsTimeout(message.getSendTimeStamp(), event.message, event.absTimeout);
+            status != 0)
+        {
+            return status;
+        }
+        queueAccess const access(*this);
+        if (own->clock.doubts() == doubts) // then the deadline is one of the clock that the others follow
+        {
+            fate const outcome = wasAnnounced ? own->announced.exchange(fate::none) : fate::none;
+            return enqueueAs(outcome, event);
+        }
     }
-    queueAccess const access(*this);
-    moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));
-    fate const outcome = wasAnnounced ? own->announced.exchange(fate::none) : fate::none;
-    return enqueueAs(outcome, event);
-}
-
-/// Computes the deadline, and how far the wall clock was ahead that it refers to.
-int gssipSendAckReq::computeDeadline(double const& time, gssipSendAckReqEvent& event, std::int64_t& offset_ns)
-{
-    int status = 0;
-    do // once, unless the wall clock is stepped in the middle
-    {
-        offset_ns = gssipInternal::wallOffset_ns();
-        status = computeAckNakAbsTimeout(time, event.message, event.absTimeout);
-    } while (gssipInternal::stepBetween_ns(offset_ns, gssipInternal::wallOffset_ns()) != 0);
-    return status;
 }
 
 /// What was answered while it was being written needs no event, or one that is due at once.
@@ -221,28 +215,20 @@ void gssipSendAckReq::forgetAll()
     own->inOrder = 0;
 }
 
-void gssipSendAckReq::moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns)
-{
-    if (step_ns != 0)
-    {
-        event.absTimeout = gssipInternal::shifted(event.absTimeout, step_ns);
-    }
-}
-
 void gssipSendAckReq::followClock()
 {
     if (std::int64_t const step_ns = own->clock.takeStep_ns(); step_ns != 0)
     {
         for (gssipSendAckReqEvent& event : eventQ)
         {
-            moveDeadline(event, step_ns);
+            event.absTimeout = gssipInternal::shifted(event.absTimeout, step_ns);
         }
     }
 }
 
 void gssipSendAckReq::announce(gssipMessage const& message)
 {
-    queueAccess const access(*this);
+    fairSentry const lock(own->door, eventQMutex);
     own->firstPossibleAnswer = NOT_YET;
     own->announced = fate::awaited;
     own->announcedId = message.getId();
@@ -257,7 +243,7 @@ void gssipSendAckReq::endAnnouncement()
 {
     if (own->announced != fate::none)
     {
-        queueAccess const access(*this);
+        fairSentry const lock(own->door, eventQMutex);
         own->announced = fate::none;
     }
 }
@@ -278,7 +264,7 @@ int gssipSendAckReq::processReceiveAckNak(gssipMessage const& message, bool& han
     {
         return 0;
     }
-    queueAccess const access(*this);
+    fairSentry const lock(own->door, eventQMutex);
     int status = 0;
     int const index = findFirstEventByMessageId(message.getId());
     if (index == -1)
@@ -300,6 +286,7 @@ int gssipSendAckReq::matchPending(gssipMessage const& message, int index)
         forget(index);
         return pthread_cond_signal(&eventQCond);
     }
+    followClock();
     gssipInternal::portThread const mark(port); // a call-back that stopped the port now would wait for this very lock
     int const status = processRetransmit(message.getReceiveTimeStamp(), index);
     return status == 0 ? pthread_cond_signal(&eventQCond) : status;
@@ -499,9 +486,20 @@ int gssipSendAckReq::resend(gssipSendAckReqEvent& event, double const& time)
         --event.retransmitCount;
         throw;
     }
-    std::int64_t offset_ns = 0;
-    int const status = computeDeadline(time, event, offset_ns);
-    moveDeadline(event, gssipInternal::stepBetween_ns(offset_ns, own->clock.offset_ns()));
+    int const status = renewDeadline(event, time);
     sortQueue();
+    return status;
+}
+
+int gssipSendAckReq::renewDeadline(gssipSendAckReqEvent& event, double const& time)
+{
+    int status = 0;
+    std::uint32_t doubts = 0;
+    do // once, unless the wall clock has been stepped
+    {
+        doubts = own->clock.doubts();
+        status = computeAckNakAbsTimeout(time, event.message, event.absTimeout);
+        followClock();
+    } while (own->clock.doubts() != doubts);
     return status;
 }

@@ -104,7 +104,6 @@ class GSSIP_EXPORT gssipSendAckReq
     void announcedIsOnItsWay(std::uint64_t arrivals);
     void endAnnouncement();
     int registerMessage(gssipMessage const& message, bool wasAnnounced);
-    int computeDeadline(double const& time, gssipSendAckReqEvent& event, std::int64_t& offset_ns);
 
     bool anyThreadExists() const;
     bool mayRun() const;
@@ -115,13 +114,13 @@ class GSSIP_EXPORT gssipSendAckReq
     void forget(int index);
     void forgetAll();
     void followClock();
-    static void moveDeadline(gssipSendAckReqEvent& event, std::int64_t step_ns);
     int enqueue(gssipSendAckReqEvent& event);
     int enqueueAs(fate outcome, gssipSendAckReqEvent& event);
     int matchPending(gssipMessage const& message, int index);
     void matchAnnounced(gssipMessage const& message, std::uint64_t arrival);
     int serveTimeout(std::uint32_t eventId);
     int resend(gssipSendAckReqEvent& event, double const& time);
+    int renewDeadline(gssipSendAckReqEvent& event, double const& time);
     void dropEvent(std::uint32_t eventId);
 
     int serveQueue();

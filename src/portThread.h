@@ -21,7 +21,8 @@ class portThread
     static bool isOf(gssipPort const& port) noexcept { return current == &port; }
 
   private:
-    static inline thread_local gssipPort const* current = nullptr;
+    // In every thread's first block of such variables: elsewhere the first use in a thread would take memory for it.
+    [[gnu::tls_model("initial-exec")]] static inline thread_local gssipPort const* current = nullptr;
 
     gssipPort const* const former;
 };

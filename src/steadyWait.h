@@ -4,6 +4,7 @@
 #include "monotonicTime.h"
 #include "timespecMath.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -34,6 +35,13 @@ inline std::int64_t wallOffset_ns() noexcept
     return offset_ns;
 }
 
+/// The same in two readings, which may be any time apart: too little by that.
+inline std::int64_t roughWallOffset_ns() noexcept
+{
+    std::int64_t const wall_ns = clockNow_ns(CLOCK_REALTIME);
+    return wall_ns - monotonicNow_ns();
+}
+
 /// What lies between two offsets when the wall clock was stepped, 0 when they differ only by the error of reading.
 inline std::int64_t stepBetween_ns(std::int64_t before_ns, std::int64_t after_ns) noexcept
 {
@@ -54,19 +62,30 @@ inline int waitUntilWall(pthread_cond_t& condition, pthread_mutex_t& mutex, time
     return pthread_cond_clockwait(&condition, &mutex, CLOCK_MONOTONIC, &steady);
 }
 
-/// Notices steps of the wall clock. Not safe for concurrent calls.
+/// Notices steps of the wall clock. One thread at a time may look for a step; whether there was one may be asked for at
+/// any time.
 class wallClockFollower
 {
   public:
-    /// The offset that kept deadlines have to refer to.
+    /// The offset that kept deadlines refer to.
     std::int64_t offset_ns() const noexcept { return known_ns; }
 
     /// The offset as it was last read, for a wait that begins now.
     std::int64_t latest_ns() const noexcept { return read_ns; }
 
+    /// Changes with each step that is found, and now and then without one. What was computed from the wall clock before
+    /// a look for a step is as good as the kept deadlines if this is the same before and after.
+    std::uint32_t doubts() const noexcept { return doubtsSoFar; }
+
     /// By how much kept deadlines have to move, 0 as a rule.
     std::int64_t takeStep_ns() noexcept
     {
+        read_ns = roughWallOffset_ns();
+        if (stepBetween_ns(known_ns, read_ns) == 0)
+        {
+            return 0;
+        }
+        ++doubtsSoFar; // stepped, or the thread was put aside between the two readings
         read_ns = wallOffset_ns();
         std::int64_t const step_ns = stepBetween_ns(known_ns, read_ns);
         known_ns += step_ns;
@@ -76,6 +95,7 @@ class wallClockFollower
   private:
     std::int64_t known_ns = wallOffset_ns();
     std::int64_t read_ns = known_ns;
+    std::atomic<std::uint32_t> doubtsSoFar{0};
 };
 
 } // namespace gssipInternal

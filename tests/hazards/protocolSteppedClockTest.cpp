@@ -180,12 +180,13 @@ double secondsFromNow(timespec const& deadline)
            static_cast<double>(deadline.tv_nsec - now.tv_nsec) * 1e-9;
 }
 
-/// Of the one pending event, once its deadline has been brought up to date.
+/// Of the one pending event, once its deadline has been brought up to date: at the latest when it matters in which
+/// order it and another one come.
 template <typename Rig>
 void expectDeadlineIn(Rig& rig, double seconds)
 {
-    bool handled = false;
-    rig.tracker().processReceiveAckNak(message(2, gssipMessage::ACK_FLAG), handled); // takes the queue's lock
+    gssipMessage later = message(2, REQUEST);
+    ASSERT_EQ(rig.tracker().processSendAckRequest(later), 0);
     double const left_sec = secondsFromNow(rig.events().front().absTimeout);
     EXPECT_LE(left_sec, seconds + 100.0 / 9600 + 0.002);
     EXPECT_GT(left_sec, seconds - 2 * SOON_SEC);
