@@ -52,6 +52,7 @@ void ledger::checkCount(entry const& written, std::size_t key)
         {
             require(key > lastFirstWrite, "messages are on the line in another order than they were queued");
             lastFirstWrite = key;
+            ++passed;
         }
         break;
     }

@@ -48,6 +48,9 @@ class ledger
     /// Enters what has come over the line: exactly what was given, in order, no more often than allowed.
     void saw(sentItem const& item);
 
+    /// How many have come through the queue onto the line.
+    std::size_t passedQueue() const { return passed; }
+
     entry& of(gssipMessage const& message) { return entries[message.getProtocolFlags() & 0xFFU]; }
 
     /// Every entry in order of giving.
@@ -59,6 +62,7 @@ class ledger
 
     std::array<entry, MOST + 1> entries;
     std::size_t count = 0;
+    std::size_t passed = 0;
     std::size_t lastFirstWrite = 0; ///< the key of the last message that came through the queue
 };
 

@@ -98,7 +98,7 @@ void portRun::start()
     headerErrors += decodeSinceStart(stream).headerErrors;
     stream.clear();
     taken = 0;
-    gateOpen = true;
+    openGate();
     forgetPending();
 }
 
@@ -116,7 +116,7 @@ void portRun::stop()
     if (wasStarted)
     {
         require(!port.serial.isOpen() && port.receiver == nullptr, "a stopped port keeps its device or its receiver");
-        gateOpen = true;
+        openGate();
         isConnected = false;
     }
     if (traits.isSettled)
@@ -211,7 +211,7 @@ void portRun::sendHandshakeReject(unsigned id, bool extra)
     auto const flags = static_cast<std::uint16_t>(extra ? 0x9300 : 0x9200);
     tell(frameItem(static_cast<std::uint16_t>(id % 65536), flags), port.sendHandshakeReject(id, extra));
     rejectLines += extra ? 1U : 0U;
-    gateOpen = true;
+    openGate();
 }
 
 void portRun::removeMsgIdFromTxQueue(unsigned id)
@@ -260,7 +260,9 @@ void portRun::setAutoAcknowledge(bool enable)
 
 void portRun::setHandshakeTimeout(double timeout_sec)
 {
+    longWaitMayLast = longWaitMayLast || isGateShutForLong();
     port.setHandshakeTimeout_sec(timeout_sec);
+    passedShutGate = MAY_PASS; // a wait that has begun ends as it began
 }
 
 void portRun::setReceiveGap(double gap_sec)
@@ -398,8 +400,37 @@ void portRun::settle()
     require(seen == expected, "answers and what was sent at once are on the line in another way");
     await([this] { return isPendingAsExpected(); }, "what awaits acknowledgement is not what should");
     require(gateIsOpen() == gateOpen, "the gate is open when it should be shut, or shut when it should be open");
+    checkGate();
     checkTracker();
     checkLog();
+}
+
+void portRun::openGate()
+{
+    gateOpen = true;
+    longWaitMayLast = false;
+    passedShutGate = MAY_PASS;
+}
+
+/// A shut gate without a time limit lets nobody pass; one may have been behind it when it was shut.
+void portRun::checkGate()
+{
+    std::size_t const passed = messages.passedQueue();
+    if (!isGateShutForLong())
+    {
+        passedShutGate = MAY_PASS;
+    }
+    else if (passedShutGate == MAY_PASS)
+    {
+        passedShutGate = passed;
+    }
+    require(passedShutGate == MAY_PASS || passed <= passedShutGate + 1, "messages pass a gate that is shut");
+}
+
+bool portRun::isGateShutForLong() const
+{
+    double const handshake_sec = port.getHandshakeTimeout_sec();
+    return !gateOpen && (handshake_sec < 0 || handshake_sec > 1);
 }
 
 /// Without a line, what is taken from the queue is lost.
@@ -438,9 +469,7 @@ bool portRun::isTransmitQuiet()
 {
     std::vector<gssipMessage> const inQueue = queued();
     readLine();
-    double const handshake_sec = port.getHandshakeTimeout_sec();
-    bool const isGateShutForLong = !gateOpen && (handshake_sec < 0 || handshake_sec > 1);
-    bool const mayMove = port.serial.isOpen() && !inQueue.empty() && !isGateShutForLong;
+    bool const mayMove = port.serial.isOpen() && !inQueue.empty() && !isGateShutForLong() && !longWaitMayLast;
     return !mayMove && std::all_of(messages.begin(), messages.end(),
                                    [&](ledger::entry const& entry) { return isAccountedFor(entry, inQueue); });
 }
@@ -579,7 +608,7 @@ portRun::expectation portRun::expectMessages(bool waitOnInvalid, kit::decodedFra
             ++invalidLines;
             if (!waitOnInvalid)
             {
-                gateOpen = true;
+                openGate();
                 return expectation::invalid;
             }
         }
@@ -624,7 +653,10 @@ bool portRun::expectMessage(kit::decodedFrame const& frame, int& status, bool& h
         }
     }
     bool const isKept = handled || has(frame, gssipMessage::HANDSHAKE_FLAG);
-    gateOpen = gateOpen || isKept;
+    if (isKept)
+    {
+        openGate();
+    }
     handled = isKept;
     return !isKept && status == 0;
 }

@@ -97,6 +97,9 @@ class portRun
     bool isTransmitQuiet();
     bool isAccountedFor(ledger::entry const& entry, std::vector<gssipMessage> const& inQueue) const;
     bool isPendingAsExpected();
+    void openGate();
+    void checkGate();
+    bool isGateShutForLong() const;
     void checkTracker() const;
     void checkLog() const;
     void await(std::function<bool()> const& condition, char const* fault);
@@ -126,8 +129,12 @@ class portRun
     std::size_t invalidLines = 0;
     std::size_t rejectLines = 0;
     bool gateOpen = false;
-    bool isConnected = false;  ///< the open device is the line that is plugged in
-    bool wasDisturbed = false; ///< failed reads may have been logged
+    bool longWaitMayLast =
+        false; ///< it began before the time-out was made short, and the gate has not been opened since
+    static constexpr std::size_t MAY_PASS = SIZE_MAX;
+    std::size_t passedShutGate = MAY_PASS; ///< how many had passed when the gate was seen shut, without a time limit
+    bool isConnected = false;              ///< the open device is the line that is plugged in
+    bool wasDisturbed = false;             ///< failed reads may have been logged
 
     std::atomic<bool> leaving{false};
     std::thread application; ///< receives all the time, in a run that is not settled
