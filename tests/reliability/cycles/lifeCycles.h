@@ -22,12 +22,12 @@ namespace cycles
 class lifeCycles : public testing::TestWithParam<placement>
 {
   protected:
-    void run(std::size_t count, std::function<void(cycleJudge&)> const& oneCycle)
+    void run(std::size_t count, std::function<void(cycleJudge&)> const& oneCycle, std::size_t held_bytes = 0)
     {
         SCOPED_TRACE("GSSIP_TEST_SEED=" + std::to_string(seed));
         try
         {
-            cycleJudge judge(kit::isSanitized ? count / 10 : count);
+            cycleJudge judge(kit::isSanitized ? count / 10 : count, held_bytes);
             for (std::size_t each = 0; each < judge.cyclesToCome() && !HasFailure(); ++each)
             {
                 oneCycle(judge);

@@ -220,9 +220,10 @@ TEST_P(ConservingCycles, FullQueue_IsKeptAtStopAndWrittenAfterwards)
     constexpr unsigned FULL = 120;
     constexpr unsigned GAP_CHARACTERS = 10; // 0.1 ms, so that the queue lasts longer than the cycle
     ASSERT_EQ(port.configurePort(921600, 8, PARITY_NONE, 1, GAP_CHARACTERS, 1.0, 1.0, 5), 0);
+    constexpr std::size_t MESSAGE_BYTES = 256; // in the queue, at most
     std::size_t cycles = 0;
     std::size_t interrupted = 0;
-    run(manyCycles(), [&](cycleJudge& judge) {
+    auto const oneCycle = [&](cycleJudge& judge) {
         judge.start(port);
         for (unsigned queued = port.getNumberQueuedMessages(); queued < FULL; ++queued)
         {
@@ -233,7 +234,8 @@ TEST_P(ConservingCycles, FullQueue_IsKeptAtStopAndWrittenAfterwards)
         ++cycles;
         interrupted += port.getNumberQueuedMessages() > 0 ? 1U : 0U;
         expectThatNoneIsLost();
-    });
+    };
+    run(manyCycles(), oneCycle, FULL * MESSAGE_BYTES);
     expectThatAllComesAtLast();
     EXPECT_GT(interrupted, cycles / 2) << "the queue was empty before the stop";
 }
