@@ -68,7 +68,7 @@ bool isMaster(struct stat const& status)
 void passOn(int from, int to)
 {
     std::thread([from, to] {
-        std::array<std::uint8_t, 4096> bytes;
+        std::array<std::uint8_t, 4096> bytes{};
         while (true)
         {
             bench::writeAll(to, bytes.data(), bench::readSome(from, bytes.data(), bytes.size()));
@@ -83,6 +83,7 @@ void passOn(int from, int to)
 // like the pseudo-terminal that it is a side of (its own device number is that of all masters), and has a lock of its
 // own (all masters are one file, and would share one).
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): those of the C library are reserved names
 extern "C" int open(char const* name, int flags, ...)
 {
     if (std::string_view(name).substr(0, MASTER_PREFIX.size()) == MASTER_PREFIX)
@@ -117,6 +118,7 @@ extern "C" int flock(int descriptor, int operation) noexcept
     bool const isOwnFile = fstatat(descriptor, "", &status, AT_EMPTY_PATH) == 0 && !isMaster(status);
     return isOwnFile ? static_cast<int>(syscall(SYS_flock, descriptor, operation)) : 0;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 namespace bench
 {

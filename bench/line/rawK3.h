@@ -84,7 +84,7 @@ class rawK3
 
     void readLine()
     {
-        std::array<std::uint8_t, 4096> buffer;
+        std::array<std::uint8_t, 4096> buffer{};
         while (true)
         {
             std::size_t const count = readSome(line, buffer.data(), buffer.size());
