@@ -347,7 +347,7 @@ class faultyThreads : public kit::threadCalls
             return hit->value;
         }
         beginning* const told = makeBeginning(entry, argument);
-        int const status = threadCalls::create(thread, attributes, beginInLibrary, told);
+        int const status = makeThread(thread, attributes, told);
         if (status != 0)
         {
             delete told;
@@ -364,6 +364,14 @@ class faultyThreads : public kit::threadCalls
     bool wakesForNothing() override { return strike(kit::callKind::waitCondition) != nullptr; }
 
   private:
+    int makeThread(pthread_t& thread, pthread_attr_t const* attributes, beginning* told)
+    {
+#if !GSSIP_OWN_ALLOCATOR
+        kit::applicationCode const outside; // a sanitizer's own calls must not fail
+#endif
+        return threadCalls::create(thread, attributes, beginInLibrary, told);
+    }
+
     static beginning* makeBeginning(kit::threadEntry entry, void* argument)
     {
         kit::applicationCode const outside;
