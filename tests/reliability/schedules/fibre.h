@@ -43,7 +43,7 @@ class fibre
     ucontext_t context{};
     std::vector<unsigned char> threadLocals; ///< of this fibre, while another one runs
     int errorNumber = 0;
-    void* fakeStack = nullptr; ///< the address sanitizer's
+    [[maybe_unused]] void* fakeStack = nullptr; ///< the address sanitizer's
 };
 
 } // namespace schedules

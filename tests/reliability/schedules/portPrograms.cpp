@@ -352,6 +352,7 @@ void removal(scheduler& schedule)
         {
             scene.left.port.resetPortReady();
             pause(schedule.chance());
+            scene.left.port.signalPortReady(); // who waits there now passes, although the gate is shut at once
         }
     });
     for (int i = 0; i < 2; ++i)
@@ -381,6 +382,15 @@ void restart(station& which, dice& chance)
     }
 }
 
+void shutGate(station& which, dice& chance)
+{
+    for (int i = 0; i < 6; ++i)
+    {
+        which.port.resetPortReady();
+        pause(chance);
+    }
+}
+
 /// Threads stop and start ports that others use, also two threads the same port.
 void restarts(scheduler& schedule)
 {
@@ -393,6 +403,10 @@ void restarts(scheduler& schedule)
         cast.add("sender", [&] { sendSome(scene.any(), schedule.chance()); });
     }
     cast.add("controller", [&] { controlSome(scene.any(), schedule.chance()); });
+    if (schedule.chance().onceIn(2))
+    {
+        cast.add("gate", [&] { shutGate(scene.any(), schedule.chance()); });
+    }
     cast.join();
     scene.left.start();
     scene.right.start();
