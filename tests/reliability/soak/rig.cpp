@@ -55,22 +55,19 @@ bool rig::awaitRest()
     return kit::waitUntil([this] { return staysAtRest() && !line.completeHalfFrames(); }, PATIENCE);
 }
 
-/// What comes late is not lost.
-void rig::awaitDelivery(effects const& allowed)
+/// What comes late is not lost, and must not count among what comes next.
+void rig::awaitDelivery()
 {
     for (std::size_t side = 0; side < 2; ++side)
     {
-        if (!allowed.receivingSuffers[side])
-        {
-            kit::waitUntil([&] { return at(side).delivered() >= line.deliverable(1 - side); });
-        }
+        kit::waitUntil([&] { return at(side).delivered() >= line.deliverable(1 - side); });
     }
 }
 
 std::string rig::settle(effects const& allowed)
 {
     std::string fault = awaitRest() ? "" : "the ports do not come to rest; ";
-    awaitDelivery(allowed);
+    awaitDelivery();
     std::array<station::books, 2> const ends{at(0).takeBooks(), at(1).takeBooks()};
     std::array<spoiledWay::books, 2> const ways{line.takeBooks(0), line.takeBooks(1)};
     for (std::size_t side = 0; side < 2; ++side)

@@ -34,7 +34,7 @@ class rig
     bool isAtRest();
     bool staysAtRest();
     bool awaitRest();
-    void awaitDelivery(effects const& allowed);
+    void awaitDelivery();
 
     std::array<std::unique_ptr<station>, 2> stations;
 };
