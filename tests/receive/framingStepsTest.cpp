@@ -39,7 +39,9 @@ class receiverWithThreads : public kit::exposedReceive
   public:
     using kit::exposedReceive::exposedReceive;
 
+    using gssipReceive::processThread;
     using gssipReceive::readBuffer;
+    using gssipReceive::readThread;
     using gssipReceive::thread;
 };
 
@@ -113,6 +115,19 @@ TEST_F(FramingSteps, Construct_SearchesAStartAndHasNothingToTry)
 TEST_F(FramingSteps, Construct_ReadsUpTo4096BytesAtOnce)
 {
     EXPECT_EQ(sizeof(receiver.readBuffer), 4096U);
+}
+
+TEST_F(FramingSteps, Members_StandInTheirOrder)
+{
+    std::vector<void const volatile*> const members{
+        &receiver.state,        &receiver.readBuffer, &receiver.bytesRead,     &receiver.frameBuffer,
+        &receiver.frameMutex,   &receiver.rxQueue,    &receiver.log,           &receiver.frameCondition,
+        &receiver.readThread,   &receiver.stopRead,   &receiver.processThread, &receiver.stopProcess,
+        &receiver.dataAvailable};
+    for (std::size_t next = 1; next < members.size(); ++next)
+    {
+        EXPECT_LT(members[next - 1], members[next]) << next;
+    }
 }
 
 TEST_F(FramingSteps, States_HaveTheirNumbers)

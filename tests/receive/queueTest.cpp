@@ -54,6 +54,17 @@ TEST(ThreadSafeQueue, Construct_IsEmptyAndNotStopped)
     EXPECT_FALSE(queue.stopped);
 }
 
+TEST(ThreadSafeQueue, Members_StandInTheirOrder)
+{
+    ThreadSafeQueue<int> const queue;
+    std::vector<void const volatile*> const members{&queue.queue, &queue.queueMutex, &queue.queueCondition,
+                                                    &queue.stopped};
+    for (std::size_t next = 1; next < members.size(); ++next)
+    {
+        EXPECT_LT(members[next - 1], members[next]) << next;
+    }
+}
+
 TEST(ThreadSafeQueue, PopWait_ReturnsElementsInTheOrderPushed)
 {
     ThreadSafeQueue<int> queue;

@@ -126,6 +126,15 @@ TEST(MessageWireFormat, MessageWithData_IsLeastSignificantByteFirstWithChecksumA
     EXPECT_EQ(fullMessage().getSizeBytes(), 16U);
 }
 
+TEST(MessageWireFormat, DocumentedExamples_AreTheseBytes)
+{
+    bytes const request{0xFF, 0x81, 0x07, 0x00, 0x03, 0x00, 0x00, 0x40, 0xF7,
+                        0x3D, 0x01, 0x00, 0x02, 0x00, 0x03, 0x00, 0xFA, 0xFF};
+    EXPECT_EQ(messageWith(7, gssipMessage::ACK_REQ_FLAG, {1, 2, 3}).getHeaderAndDataUint8(), request);
+    bytes const acknowledgement{0xFF, 0x81, 0x07, 0x00, 0x00, 0x00, 0x00, 0x88, 0xFA, 0xF5};
+    EXPECT_EQ(messageWith(7, 0x8800, {}).getHeaderAndDataUint8(), acknowledgement);
+}
+
 TEST(MessageWireFormat, ChecksumsAsStored_AreSentRightOrWrong)
 {
     gssipMessage message = fullMessage();

@@ -182,6 +182,22 @@ TEST_F(SerialPortFailure, ReadThatFindsNothingAfterAll_GoesOn)
     EXPECT_TRUE(driver.answers.empty());
 }
 
+TEST_F(SerialPortFailure, EmptyReadOfALineThatIsThere_IsSilenceWithVmin0)
+{
+    answeringDriver driver;
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    line.write({1});
+    driver.answers = {{0, 0}};
+    EXPECT_EQ(receive(answeringDriver::LENGTH).status, EIO) << "with VMIN 1 it means a hang-up";
+    ASSERT_EQ(port.setVminVtime(0, 255), 0);
+    driver.answers = {{0, 0}};
+    kit::transfer const silence = receive(answeringDriver::LENGTH);
+    EXPECT_EQ(silence.status, 0);
+    EXPECT_EQ(silence.count, 0U);
+    EXPECT_EQ(receive(answeringDriver::LENGTH).data, bytes{1});
+}
+
 TEST_F(SerialPortFailure, ReadThatFails_IsReturnedAsItIs)
 {
     answeringDriver driver;

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace
 {
@@ -29,6 +31,49 @@ class SerialPortLine : public testing::Test, protected kit::serialPortOnLine
     kit::pretendedUart driver;
     kit::systemReplaced replaced{driver};
 };
+
+/// Shows every terminal under a device number of that kind.
+class pretendedMajor : public kit::systemCalls
+{
+  public:
+    explicit pretendedMajor(unsigned number) : shown(number) {}
+
+    int fstat(int descriptor, struct stat& status) override
+    {
+        int const result = systemCalls::fstat(descriptor, status);
+        status.st_rdev = makedev(shown, 0);
+        return result;
+    }
+
+  private:
+    unsigned const shown;
+};
+
+/// How long two messages of a tenth of a second each take.
+double twoMessages_sec(unsigned major)
+{
+    pretendedMajor driver(major);
+    kit::systemReplaced const replaced(driver);
+    kit::serialPortOnLine device;
+    EXPECT_EQ(device.port.open(), 0);
+    kit::stopwatch const watch;
+    EXPECT_EQ(device.send(bytes(96, 0x55)).status, 0);
+    EXPECT_EQ(device.send(bytes(96, 0x55)).status, 0);
+    return watch.elapsed_sec();
+}
+
+TEST(SerialPortLineTold, ByTheDeviceNumber_Majors136To143HaveNone)
+{
+    for (unsigned const major : {4U, 135U, 144U, 188U})
+    {
+        EXPECT_GE(twoMessages_sec(major), 0.098 - 1e-4) << major;
+    }
+    for (unsigned const major : {136U, 140U, 143U})
+    {
+        double const quickest_sec = std::min({twoMessages_sec(major), twoMessages_sec(major), twoMessages_sec(major)});
+        EXPECT_LT(quickest_sec, 0.09) << major;
+    }
+}
 
 TEST_F(SerialPortLine, MessageBehindMessages_IsHandedOverWhenTheLineIsNearlyDone)
 {

@@ -582,6 +582,15 @@ TEST_F(SerialPortSettings, LowLatency_IsAskedForAndNothingElseChanged)
     EXPECT_EQ(driver.state.closing_wait, 3000);
 }
 
+TEST_F(SerialPortSettings, LowLatencyThatIsSetAlready_IsNotSetAgain)
+{
+    lowLatencyDriver driver(true);
+    driver.state.flags |= static_cast<int>(ASYNC_LOW_LATENCY);
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    EXPECT_EQ(driver.attempts, 0U);
+}
+
 TEST_F(SerialPortSettings, LowLatencyRefused_IsNoFailure)
 {
     lowLatencyDriver driver(false);

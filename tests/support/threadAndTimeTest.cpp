@@ -708,6 +708,25 @@ TEST(SetPthreadAttributes, RefusedRealTimeCaller_DoesNotPassItsSchedulingOn)
     EXPECT_EQ(realTimeCaller.get(), "");
 }
 
+/// What is no real-time scheduling is as good as the default.
+TEST(SetPthreadAttributes, RefusedBatchOrIdleCaller_PassesItsSchedulingOn)
+{
+    for (int const policy : {SCHED_BATCH, SCHED_IDLE})
+    {
+        kit::callOnThread<std::string> caller([policy]() -> std::string {
+            sched_param const parameters{};
+            if (pthread_setschedparam(pthread_self(), policy, &parameters) != 0)
+            {
+                return "no such caller";
+            }
+            limitedSystem system(50);
+            kit::threadCallsReplaced const replaced(system);
+            return faultOfTransmitThread(policy, 0);
+        });
+        EXPECT_EQ(caller.get(), "") << policy;
+    }
+}
+
 TEST(SetPthreadAttributes, SystemWithoutRoomForAThread_IsReported)
 {
     limitedSystem system(99, false);

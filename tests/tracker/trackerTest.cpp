@@ -152,6 +152,22 @@ TEST_F(Tracker, Construct_HasNothingPendingAndCountsFromZero)
     EXPECT_TRUE(at.log.lines().empty());
 }
 
+TEST_F(Tracker, Members_StandInTheirOrder)
+{
+    std::vector<void const volatile*> const members{&tracker,
+                                                    &tracker.eventThreadId,
+                                                    &tracker.eventThreadRunning,
+                                                    &tracker.eventQ,
+                                                    &tracker.nextEventId,
+                                                    &tracker.eventQMutex,
+                                                    &tracker.eventQCond,
+                                                    &tracker.log};
+    for (std::size_t next = 1; next < members.size(); ++next)
+    {
+        EXPECT_LT(members[next - 1], members[next]) << next;
+    }
+}
+
 TEST_F(Tracker, ConstructWithoutALog_KeepsALogThatDropsLines)
 {
     kit::exposedSendAckReq const silent(at.port, nullptr);
@@ -172,6 +188,16 @@ TEST(TrackerEvent, Construct_HasCountersOfZero)
     EXPECT_EQ(event.eventId, 0U);
     EXPECT_EQ(event.retransmitCount, 0U);
     EXPECT_EQ(event.message.getId(), 0);
+}
+
+TEST(TrackerEvent, Fields_StandInTheirOrder)
+{
+    gssipSendAckReqEvent const event;
+    std::vector<void const*> const fields{&event.message, &event.absTimeout, &event.eventId, &event.retransmitCount};
+    for (std::size_t next = 1; next < fields.size(); ++next)
+    {
+        EXPECT_LT(fields[next - 1], fields[next]) << next;
+    }
 }
 
 TEST(TrackerEvent, Copy_HasEveryFieldAndItsOwnMessage)
@@ -279,6 +305,14 @@ TEST_F(Tracker, Deadline_DefaultTimeoutIsTwoTenthsOfASecond)
     double const before_sec = wallClock_sec();
     EXPECT_EQ(tracker.computeAckNakAbsTimeout(1000.0, sent(1), deadline), 0);
     expectDeadline(deadline, before_sec, 0.2 + 100.0 / 9600, wallClock_sec());
+}
+
+TEST_F(Tracker, Deadline_OfTheDocumentedExampleIsTheDocumentedTime)
+{
+    timespec deadline{};
+    double const before_sec = wallClock_sec();
+    EXPECT_EQ(tracker.computeAckNakAbsTimeout(1000.0, gssipMessage(7, request, 3), deadline), 0);
+    expectDeadline(deadline, before_sec, 0.21875, wallClock_sec());
 }
 
 TEST_F(Tracker, Deadline_TimeoutIsAskedThroughTheVirtualOperation)
