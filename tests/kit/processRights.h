@@ -1,6 +1,7 @@
 #ifndef KIT_PROCESSRIGHTS_H
 #define KIT_PROCESSRIGHTS_H
 
+#include "oneProcessor.h"
 #include "ordinaryUser.h"
 
 #include <cerrno>
@@ -48,16 +49,7 @@ inline std::string refuseScheduling()
 /// Makes this process a real-time one above the port's threads, on a single processor that it shares with them.
 inline std::string becomeRealTimeOnOneProcessor()
 {
-    cpu_set_t allowed;
-    sched_getaffinity(0, sizeof allowed, &allowed);
-    int first = 0;
-    while (!CPU_ISSET(static_cast<std::size_t>(first), &allowed))
-    {
-        ++first;
-    }
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(static_cast<std::size_t>(first), &one);
+    cpu_set_t const one = firstProcessor();
     sched_param parameters{};
     parameters.sched_priority = 60;
     bool const done =
