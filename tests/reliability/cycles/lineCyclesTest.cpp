@@ -75,6 +75,7 @@ TEST_P(LineCycles, BlockedLine_KeepsQueuedWhatTheDriverHasNotTaken)
         EXPECT_EQ(device.line().read(1, std::chrono::milliseconds(20)), bytes{});
         EXPECT_LT(taken, given);
     });
+    EXPECT_TRUE(port.stop()) << "also after a failure: the driver goes before the port does";
 }
 
 /// A message is half taken: it is lost, and no other.
