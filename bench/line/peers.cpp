@@ -70,6 +70,7 @@ class modbusLine
 
   private:
     static constexpr int SLAVE = 1;
+    static constexpr std::uint32_t RESPONSE_LIMIT_SEC = 10;
 
     static void check(bool succeeded)
     {
@@ -82,7 +83,8 @@ class modbusLine
     modbus_t* open(place end)
     {
         modbus_t* const opened = modbus_new_rtu(line.nameAt(end).c_str(), 115200, 'N', 8, 1);
-        check(opened != nullptr && modbus_set_slave(opened, SLAVE) == 0 && modbus_connect(opened) == 0);
+        check(opened != nullptr && modbus_set_slave(opened, SLAVE) == 0 &&
+              modbus_set_response_timeout(opened, RESPONSE_LIMIT_SEC, 0) == 0 && modbus_connect(opened) == 0);
         return opened;
     }
 
