@@ -406,6 +406,7 @@ UNINSTRUMENTED Function* systemFunction(void*& known, char const* name)
 } // namespace
 
 // A function of the C library whose result is its error number.
+// NOLINTBEGIN(bugprone-macro-parentheses): lists of parameters, types and arguments, parentheses and all
 #define GSSIP_HIT_RESULT(kind, function, parameters, types, arguments)                                                 \
     extern "C" UNINSTRUMENTED int function parameters noexcept                                                         \
     {                                                                                                                  \
@@ -413,6 +414,8 @@ UNINSTRUMENTED Function* systemFunction(void*& known, char const* name)
         kit::effect const* const hit = strike(kit::callKind::kind);                                                    \
         return hit != nullptr ? hit->value : systemFunction<int types>(known, #function) arguments;                    \
     }
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 GSSIP_HIT_RESULT(initAttributes, pthread_attr_init, (pthread_attr_t * attr), (pthread_attr_t*), (attr))
 GSSIP_HIT_RESULT(destroyAttributes, pthread_attr_destroy, (pthread_attr_t * attr), (pthread_attr_t*), (attr))

@@ -43,7 +43,7 @@ class countingLog : public asciiLogInterface
   private:
     void keep(std::int32_t level, std::string const& text);
 
-    kit::stopwatch const clock;
+    kit::stopwatch clock;
     mutable std::mutex mutex;
     std::vector<double> failedReads_sec; // guarded by mutex
 };
