@@ -1,5 +1,6 @@
 #include "deviceSubject.h"
 #include "exposedPort.h"
+#include "lineRelay.h"
 #include "monotonicTimeStamp.h"
 #include "portSubject.h"
 #include "pseudoTerminal.h"
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -103,32 +105,23 @@ TEST(VectorRunner, Vectors_AreCountedAndChosenByName)
 }
 
 /// Two pseudo-terminals whose far ends are joined: what one device writes the other receives.
-class joinedLines
+struct joinedLines
 {
-  public:
-    ~joinedLines()
+    joinedLines()
     {
-        stopped = true;
-        forth.join();
-        back.join();
+        int const ends[] = {one.masterDescriptor(), other.masterDescriptor()};
+        kit::lineRelay::prepare(ends[0]);
+        kit::lineRelay::prepare(ends[1]);
+        std::lock_guard<std::mutex> const lock(relay.mutex);
+        forth.from = back.to = ends[0];
+        forth.to = back.from = ends[1];
     }
 
     kit::pseudoTerminal one;
     kit::pseudoTerminal other;
-
-  private:
-    void carry(kit::pseudoTerminal& from, kit::pseudoTerminal& to)
-    {
-        while (!stopped)
-        {
-            kit::bytes const next = from.read(1, std::chrono::milliseconds(20));
-            to.write(next);
-        }
-    }
-
-    std::atomic<bool> stopped{false};
-    std::thread forth{[this] { carry(one, other); }};
-    std::thread back{[this] { carry(other, one); }};
+    kit::oneWay forth;
+    kit::oneWay back;
+    kit::lineRelay relay{{&forth, &back}};
 };
 
 /// An implementation at the far end of a line, with an application that takes messages and does nothing else.
