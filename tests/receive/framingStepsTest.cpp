@@ -542,6 +542,8 @@ TEST_F(FramingSteps, Process_WithoutNewBytesLeavesTheBufferAlone)
 
 TEST_F(FramingSteps, Process_UnknownStateLeavesTheBufferAlone)
 {
+    have({}, gssipReceive::SOM_STATE);
+    letThreadsWork(); // it waits now, and does not find that it is to stop before it has begun
     have(kit::frame(1, 0x8800), static_cast<gssipReceive::receiveState>(7));
     receiver.dataAvailable = false;
     std::size_t const threads = kit::processThreads().size();
