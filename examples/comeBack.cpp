@@ -90,7 +90,8 @@ class lastingStation : private asciiLogInterface
         changed.wait(lock, [this] { return failed || leaving; });
         lock.unlock();
         online = false;
-        port.stop();
+        while (!port.stop()) // one whose close fails leaves the port started, and a further one succeeds
+        {}
         receiver.join();
         std::cout << "stopped\n";
     }

@@ -70,7 +70,8 @@ int lineReceiver::readAsLimited(wakeableDescriptor::use& use, lineSettings const
         wakeableDescriptor::ending const end = use.wait(POLLIN, readDeadline_ns(limits, received));
         if (end != wakeableDescriptor::ending::ready)
         {
-            return end == wakeableDescriptor::ending::failed ? EIO : 0;
+            status = end == wakeableDescriptor::ending::failed ? EIO : 0;
+            break;
         }
         status = readSome(use.descriptor(), limits, buffer, capacity, received);
     } while (status == 0 && received < wanted);

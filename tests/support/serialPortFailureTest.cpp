@@ -210,6 +210,30 @@ TEST_F(SerialPortFailure, ReadThatFails_IsReturnedAsItIs)
     EXPECT_EQ(result.count, 0U);
 }
 
+/// Waits until bytes have been read, and not again.
+class oneWaitDriver : public answeringDriver
+{
+  public:
+    ssize_t read(int descriptor, void* data, std::size_t capacity) override
+    {
+        waitsFail = capacity == LENGTH;
+        return answeringDriver::read(descriptor, data, capacity);
+    }
+};
+
+TEST_F(SerialPortFailure, WaitThatFailsBehindTheFirstBytes_LosesNoneOfThem)
+{
+    oneWaitDriver driver;
+    kit::systemReplaced const replaced(driver);
+    ASSERT_EQ(port.open(), 0);
+    ASSERT_EQ(port.setVminVtime(2, 10), 0);
+    line.write({1});
+    kit::transfer const result = receive(answeringDriver::LENGTH);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.data, bytes{1});
+    EXPECT_EQ(receive(answeringDriver::LENGTH).status, EIO);
+}
+
 TEST_F(SerialPortFailure, SettingsAfterAHangUp_FailAndLeaveTheFormerOnes)
 {
     ASSERT_EQ(port.open(), 0);

@@ -2,6 +2,7 @@
 
 #include "frames.h"
 #include "messages.h"
+#include "processState.h"
 #include "waitUntil.h"
 
 #include <algorithm>
@@ -144,9 +145,18 @@ void bench::shutGate()
 {
     constexpr std::uint16_t PASSES = 0x6001;
     port->setHandshakeTimeout_sec(-1.0);
+    awaitTransmitThreadAsleep(); // a thread that sleeps on an empty queue has the gate behind it
     port->resetPortReady();
-    port->sendMessage(kit::message(PASSES), false); // a thread that sleeps on an empty queue has the gate behind it
+    port->sendMessage(kit::message(PASSES), false);
     require(awaitOnLine(kit::frame(PASSES, 0)), "the first message passes the gate");
+}
+
+void bench::awaitTransmitThreadAsleep()
+{
+    for (kit::threadState const& thread : kit::processThreads())
+    {
+        require(thread.name != "GP TX" || kit::waitUntilAsleep(thread.id), "the transmit thread sleeps");
+    }
 }
 
 void bench::plugIn()

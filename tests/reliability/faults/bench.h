@@ -104,6 +104,7 @@ class bench
     unsigned queued() const;
     /// Lets the transmit thread stand before the shut gate: what is queued from now on stays queued.
     void shutGate();
+    void awaitTransmitThreadAsleep();
 
     // --- The line
     std::string deviceLink() const { return (folder.path / "device").string(); }
