@@ -102,7 +102,7 @@ class portRun
     bool isGateShutForLong() const;
     void checkTracker() const;
     void checkLog() const;
-    void await(std::function<bool()> const& condition, char const* fault);
+    void await(std::function<bool()> const& condition, char const* what);
 
     expectation expectMessages(bool waitOnInvalid, kit::decodedFrame& last, int& status);
     bool expectMessage(kit::decodedFrame const& frame, int& status, bool& handled);
