@@ -16,18 +16,17 @@ gateWatch::~gateWatch()
 /// Whenever `readyMutex` is released.
 void gateWatch::look(thread const& by)
 {
-    if (scheduler::idOf(by) == port.txThread)
+    if (scheduler::idOf(by) != port.txThread)
     {
-        if (mayPass && by.goesToSleep)
-        {
-            schedule.fail("the gate was opened for the transmit thread, which waits on");
-        }
-        mayPass = false;
+        mayPass = mayPass || (port.portReady && isInside);
+        return;
     }
-    else if (port.portReady && schedule.anyoneWaits(waiting::condition, &port.readyCond))
+    if (mayPass && by.goesToSleep)
     {
-        mayPass = true;
+        schedule.fail("the gate was opened for the transmit thread, which waits on");
     }
+    isInside = by.goesToSleep;
+    mayPass = false;
 }
 
 } // namespace schedules

@@ -22,6 +22,7 @@ class gateWatch
 
     scheduler& schedule;
     kit::exposedPort& port;
+    bool isInside = false; ///< the transmit thread has gone to sleep in the gate, and has not left it
     bool mayPass = false;
 };
 
