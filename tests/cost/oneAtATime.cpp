@@ -34,7 +34,6 @@ constexpr std::uint16_t ACK = gssipMessage::REPLY_FLAG | gssipMessage::ACK_FLAG;
 constexpr std::uint16_t DATA_WORDS = 15;
 constexpr std::size_t FRAME_BYTES = 42;
 constexpr std::size_t REPLY_BYTES = 10;
-constexpr unsigned BURST = 250;
 constexpr auto BETWEEN = std::chrono::milliseconds(4);
 
 std::vector<std::uint16_t> const& data()

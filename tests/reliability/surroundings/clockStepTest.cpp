@@ -95,7 +95,7 @@ class WaitingPort : public testing::TestWithParam<step>
     kit::unsteppedAgain const atTheEnd{};
     kit::threadWatch const watch;
     kit::portOnLine<> rig;
-    kit::stopwatch const sinceSending; // starts before it is sent
+    kit::stopwatch const sinceSending{}; // starts before it is sent
     kit::stopwatch sinceGateShut;
     kit::callOnThread<received> receiving{[this] {
         gssipMessage taken;
