@@ -111,7 +111,7 @@ std::uint64_t contextSwitchesOfOthers()
     return sum;
 }
 
-std::size_t privateMemory_bytes()
+std::size_t privateBytes()
 {
     return sumOf("/proc/self/smaps_rollup", {"Private_Clean:", "Private_Dirty:"}) * 1024;
 }

@@ -49,7 +49,7 @@ void runRealTime(int priority);
 std::uint64_t contextSwitchesOfOthers();
 
 /// Bytes of memory that belong to this process alone.
-std::size_t privateMemory_bytes();
+std::size_t privateBytes();
 
 /// The value that the given share (0 to 1) of the samples does not exceed.
 double quantile(std::vector<std::int64_t> samples, double share);

@@ -64,13 +64,13 @@ figures memory(options const& asked, MakeOne const& makeOne)
 {
     makeOne(0);
     std::this_thread::sleep_for(SETTLING);
-    std::size_t const before = privateMemory_bytes();
+    std::size_t const before = privateBytes();
     for (std::size_t i = 1; i <= asked.ports; ++i)
     {
         makeOne(i);
     }
     std::this_thread::sleep_for(SETTLING);
-    auto const growth = static_cast<double>(privateMemory_bytes() - before);
+    auto const growth = static_cast<double>(privateBytes() - before);
     return {{"port_bytes", growth / static_cast<double>(asked.ports)}};
 }
 
