@@ -17,6 +17,20 @@ constexpr bool isSanitized = false;
 constexpr bool isSanitized = false;
 #endif
 
+/// True in a build for the thread sanitizer, whose own work in the making of a thread passes through what stands in
+/// front of library functions.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool isThreadSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool isThreadSanitized = true;
+#else
+constexpr bool isThreadSanitized = false;
+#endif
+#else
+constexpr bool isThreadSanitized = false;
+#endif
+
 } // namespace kit
 
 #endif

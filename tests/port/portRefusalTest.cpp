@@ -3,6 +3,7 @@
 #include "portOnLine.h"
 #include "processState.h"
 #include "refusals.h"
+#include "sanitized.h"
 
 #include <gmock/gmock.h>
 
@@ -144,6 +145,10 @@ TEST_F(PortThreadRefusal, AttributesCannotBeMade_IsReportedAndNoThreadIsMade)
 
 TEST_F(PortThreadRefusal, AttributesCannotBeMade_FailsTheStart)
 {
+    if (kit::isThreadSanitized)
+    {
+        GTEST_SKIP() << "the sanitizer makes attributes of its own for each thread";
+    }
     refuse.attributesInit = ENOMEM;
     EXPECT_FALSE(rig.port.start());
     EXPECT_FALSE(rig.port.started);

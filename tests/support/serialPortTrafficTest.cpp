@@ -156,13 +156,13 @@ TEST_F(SerialPortTraffic, BlockedLine_TimesOutWithTheNumberWritten)
 
 TEST_F(SerialPortTraffic, LineThatMovesNowAndThen_IsNotTakenForBlocked)
 {
-    bytes const message = kit::patternOf(34000); // several times what the driver holds
+    bytes const message = kit::patternOf(70000); // many times what the driver holds
     std::atomic<bool> allTaken{false};
     kit::callOnThread<bytes> reader([&] {
         bytes all;
         while (all.size() < message.size())
         {
-            kit::waitUntil([&] { return allTaken.load(); }, milliseconds(800));
+            kit::waitUntil([&] { return allTaken.load(); }, milliseconds(300));
             bytes const next = line.read(std::min<std::size_t>(6000, message.size() - all.size()));
             all.insert(all.end(), next.begin(), next.end());
         }
