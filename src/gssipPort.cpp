@@ -165,16 +165,7 @@ void gssipPort::endThreads()
 
 std::shared_ptr<gssipReceive> gssipPort::currentReceiver() const
 {
-    std::lock_guard<std::mutex> const lock(own->receiverMutex);
-    return receiver;
-}
-
-/// The receiver until now; null for none.
-std::shared_ptr<gssipReceive> gssipPort::replaceReceiver(std::shared_ptr<gssipReceive> successor)
-{
-    std::lock_guard<std::mutex> const lock(own->receiverMutex);
-    receiver.swap(successor);
-    return successor;
+    return std::atomic_load(&receiver);
 }
 
 int gssipPort::initializeReceiveThread()
@@ -196,7 +187,7 @@ int gssipPort::constructReceiver()
     {
         auto const made = std::make_shared<gssipReceive>(*this, log);
         own->newest = made.get(); // first: what is taken from it is never taken for a former one's
-        replaceReceiver(made);
+        std::atomic_store(&receiver, made);
     }
     catch (std::system_error const& failure) // a thread could not be created
     {
@@ -207,7 +198,7 @@ int gssipPort::constructReceiver()
 
 int gssipPort::uninitializeReceiveThread()
 {
-    std::shared_ptr<gssipReceive> former = replaceReceiver(nullptr);
+    std::shared_ptr<gssipReceive> former = std::atomic_exchange(&receiver, std::shared_ptr<gssipReceive>());
     if (former != nullptr)
     {
         former->endThreads(); // the object itself goes with the last caller of getMessage that is inside

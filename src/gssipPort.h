@@ -137,8 +137,8 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     std::atomic<double> rxInterCharGap_sec; ///< as last set, not as rounded for the device
     std::atomic<bool> rxAutoAck;
 
-    /// Null but from the start to the stop of the receive side; read and replaced under a lock of its own (see `own`).
-    /// Callers of `getMessage` share it, so that its queue outlives the stop that they were waiting through.
+    /// Null but from the start to the stop of the receive side; to be read with std::atomic_load. Callers of `getMessage`
+    /// share it, so that its queue outlives the stop that they were waiting through.
     std::shared_ptr<gssipReceive> receiver;
 
     pthread_mutex_t readyMutex; ///< guards `portReady`; nothing is locked or called while it is held
@@ -173,7 +173,6 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     int stopEverything();
     void endThreads();
     std::shared_ptr<gssipReceive> currentReceiver() const;
-    std::shared_ptr<gssipReceive> replaceReceiver(std::shared_ptr<gssipReceive> successor);
     int constructReceiver();
 
     int transmitNext(gssipMessage& message, int previousStatus);

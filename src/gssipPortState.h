@@ -18,7 +18,6 @@ struct gssipPort::privateState
     gssipInternal::turnstile writers;                 ///< before `sendMutex`
     std::vector<std::uint8_t> image;                  ///< of the frame that is being written; guarded by sendMutex
     std::uint32_t timesOpened = 0;                    ///< of the port-ready gate; guarded by readyMutex
-    std::mutex receiverMutex;                         ///< guards `receiver`; the last lock in any order
     std::atomic<gssipReceive const*> newest{nullptr}; ///< the receiver that was made last
     std::atomic<unsigned> queued{0};                  ///< length of `txQueue` when `txMutex` was last released
 };
