@@ -137,8 +137,8 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     std::atomic<double> rxInterCharGap_sec; ///< as last set, not as rounded for the device
     std::atomic<bool> rxAutoAck;
 
-    /// Null but from the start to the stop of the receive side; to be read with std::atomic_load. Callers of `getMessage`
-    /// share it, so that its queue outlives the stop that they were waiting through.
+    /// Null but from the start to the stop of the receive side; to be read with std::atomic_load. Callers of
+    /// `getMessage` share it, so that its queue outlives the stop that they were waiting through.
     std::shared_ptr<gssipReceive> receiver;
 
     pthread_mutex_t readyMutex; ///< guards `portReady`; nothing is locked or called while it is held
