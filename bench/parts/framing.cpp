@@ -67,6 +67,41 @@ class framed
     memoryReceiver receiver{port, &log};
 };
 
+/// The same messages whatever the size of the lots that they come in, all of them kept: so it is not the queue's growth
+/// that makes a difference, but what stands behind the frame.
+class framedInLots
+{
+  public:
+    explicit framedInLots(material lotToFrame) : lot(std::move(lotToFrame)), count(MESSAGES / lot.messages) {}
+
+    void prepare()
+    {
+        check(isFirst || receiver.messages() == count * lot.messages);
+        isFirst = false;
+        receiver.forgetMessages();
+    }
+    void work()
+    {
+        for (std::size_t i = 0; i < count; ++i)
+        {
+            receiver.append(lot.bytes);
+            receiver.run(lot.messages);
+        }
+    }
+
+    /// Of 256 KiB in lots of 4 KiB.
+    static constexpr std::size_t MESSAGES = 64 * (4 * KIB / 42);
+
+  private:
+    material const lot;
+    std::size_t const count;
+    bool isFirst = true;
+    countingClock clock;
+    countingLog log;
+    gssipPort port{"/dev/null", clock, &log, false};
+    memoryReceiver receiver{port, &log};
+};
+
 class scanned
 {
   public:
@@ -166,6 +201,11 @@ material byFrameLength(std::size_t frameBytes)
     return framesOf(frameBytes, BACKLOG);
 }
 
+material byCount(std::size_t messages)
+{
+    return framesOf(42, messages * 42);
+}
+
 material byBacklog(std::size_t bytes)
 {
     return framesOf(42, bytes);
@@ -184,6 +224,10 @@ void addFraming()
     {
         add("backlog", "port", backlog, as<framed>(byBacklog));
         add("backlog", "scanQueue", backlog, as<scanned>(byBacklog));
+    }
+    for (std::size_t const messages : {framedInLots::MESSAGES / 64, framedInLots::MESSAGES})
+    {
+        add("lots", "port", messages, as<framedInLots>(byCount));
     }
     add("randomNoise", "port", BACKLOG, as<framed>(randomNoise));
     add("randomNoise", "memcpy", BACKLOG, as<copied>(randomNoise));

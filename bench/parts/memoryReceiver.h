@@ -59,11 +59,22 @@ class memoryReceiver : private gssipReceive
 
     void fill(std::vector<std::uint8_t> const& bytes)
     {
+        append(bytes);
+        forgetMessages();
+    }
+
+    /// As `fill`, behind the messages that are there.
+    void append(std::vector<std::uint8_t> const& bytes)
+    {
         std::lock_guard<std::mutex> const lock(frameMutex);
         frameBuffer = bytes;
         state = SOM_STATE;
         dataAvailable = true;
-        std::lock_guard<std::mutex> const queueLock(rxQueue.queueMutex);
+    }
+
+    void forgetMessages()
+    {
+        std::lock_guard<std::mutex> const lock(rxQueue.queueMutex);
         rxQueue.queue.clear();
     }
 

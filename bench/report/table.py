@@ -9,7 +9,7 @@ def values(case, target, contenders):
     if not target.of_floor or case.floor is None:
         return [figures[target.figure] for figures in port if figures]
     return [
-        target.weight * mine[target.figure] / (floor[target.figure] + target.plus)
+        mine[target.figure] / (floor[target.figure] + target.plus)
         for mine, floor in zip(port, contenders["floor"])
         if mine and floor and floor[target.figure] + target.plus
     ]
