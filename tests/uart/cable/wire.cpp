@@ -37,7 +37,7 @@ void wire::step(std::int64_t time_ns)
 
 bool wire::hasRoom() const
 {
-    auto const room = static_cast<std::size_t>(std::max<std::int64_t>(1, LEAD_NS / characterTime_ns));
+    auto const room = static_cast<std::size_t>(std::max<std::int64_t>(2, LEAD_NS / characterTime_ns));
     return !held && onTheWay.size() < room;
 }
 

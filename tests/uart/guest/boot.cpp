@@ -3,16 +3,22 @@
 #include "line.h"
 #include "scenario.h"
 #include "serialPort.h"
+#include "stopwatch.h"
 #include "streamLog.h"
 
+#include <algorithm>
 #include <ctime>
 #include <iostream>
 #include <sys/utsname.h>
+#include <thread>
+#include <vector>
 
 namespace uart
 {
 namespace
 {
+
+using bytes = std::vector<unsigned char>;
 
 void machineIsWhatItShouldBe()
 {
@@ -24,32 +30,73 @@ void machineIsWhatItShouldBe()
     expectEqual(sizeof(std::time_t), std::size_t{8}, "the size of a time");
 }
 
+bytes patternOf(std::size_t size)
+{
+    bytes pattern(size);
+    for (std::size_t place = 0; place < size; ++place)
+    {
+        pattern[place] = static_cast<unsigned char>(place * 7 + place / 256);
+    }
+    return pattern;
+}
+
+bytes receive(serialPort& port, std::size_t count)
+{
+    bytes received;
+    while (received.size() < count)
+    {
+        unsigned char part[256];
+        unsigned size = 0;
+        if (!expectEqual(port.receive(part, sizeof part, size), 0, "the result of receiving"))
+        {
+            break;
+        }
+        received.insert(received.end(), part, part + size);
+    }
+    return received;
+}
+
+void sendInPieces(serialPort& port, bytes const& data)
+{
+    constexpr std::size_t PIECE = 28;
+    for (std::size_t place = 0; place < data.size(); place += PIECE)
+    {
+        unsigned sent = 0;
+        auto const size = static_cast<unsigned>(std::min(PIECE, data.size() - place));
+        expectEqual(port.send(data.data() + place, size, sent), 0, "the result of sending");
+    }
+}
+
+/// Both ways at the same time, as fast as the line takes it.
 void cableCarriesAndCounts(unsigned pair)
 {
+    constexpr unsigned SPEED = 38400;
+    constexpr std::size_t SIZE = 4000;
     streamLog log(std::cout);
     line wires = line::betweenUarts(pair);
-    wires.setSpeed(9600);
-    serialPort sender(wires.device(0), log);
-    serialPort receiver(wires.device(1), log);
-    expectEqual(sender.open(), 0, "the result of opening " + wires.device(0));
-    expectEqual(receiver.open(), 0, "the result of opening " + wires.device(1));
+    wires.setSpeed(SPEED);
+    serialPort left(wires.device(0), log);
+    serialPort right(wires.device(1), log);
     std::uint64_t const before = wires.count(0).carried;
-    unsigned char const text[] = {0, 17, 255, 3};
-    unsigned sent = 0;
-    expectEqual(sender.send(text, sizeof text, sent), 0, "the result of sending");
-    std::string received;
-    while (received.size() < sizeof text)
+    for (serialPort* const each : {&left, &right})
     {
-        unsigned char part[16];
-        unsigned count = 0;
-        if (!expectEqual(receiver.receive(part, sizeof part, count), 0, "the result of receiving"))
-        {
-            return;
-        }
-        received.append(reinterpret_cast<char*>(part), count);
+        expectEqual(each->setSpeed(SPEED), 0, "the result of setting the speed");
+        expectEqual(each->open(), 0, "the result of opening " + each->getPort());
     }
-    expect(received == std::string(reinterpret_cast<char const*>(text), sizeof text), "what was sent arrives");
-    expectEqual(wires.count(0).carried - before, std::uint64_t{sizeof text}, "the number of characters carried");
+    bytes const data = patternOf(SIZE);
+    kit::stopwatch const watch;
+    std::thread fromLeft([&] { sendInPieces(left, data); });
+    std::thread fromRight([&] { sendInPieces(right, data); });
+    std::thread toLeft([&] { expect(receive(left, SIZE) == data, "what the right sends arrives"); });
+    expect(receive(right, SIZE) == data, "what the left sends arrives");
+    for (std::thread* const each : {&fromLeft, &fromRight, &toLeft})
+    {
+        each->join();
+    }
+    double const ideal_sec = SIZE * 10.0 / SPEED;
+    expect(watch.elapsed_sec() >= 0.98 * ideal_sec, "the line takes its time");
+    figure("38400 bit/s, raw bytes both ways, use of the line", 100.0 * ideal_sec / watch.elapsed_sec(), "%");
+    expectEqual(wires.count(0).carried - before, std::uint64_t{SIZE}, "the number of characters carried");
 }
 
 } // namespace

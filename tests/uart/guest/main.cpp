@@ -36,7 +36,7 @@ tally* sharedTally()
 std::vector<scenario> allScenarios()
 {
     std::vector<scenario> all;
-    for (auto const& group : {uart::bootScenarios})
+    for (auto const& group : {uart::bootScenarios, uart::exchangeScenarios})
     {
         std::vector<scenario> const members = group();
         all.insert(all.end(), members.begin(), members.end());

@@ -45,6 +45,7 @@ int failures();
 
 // The groups, each in its own file.
 std::vector<scenario> bootScenarios();
+std::vector<scenario> exchangeScenarios();
 
 } // namespace uart
 

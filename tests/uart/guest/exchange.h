@@ -1,0 +1,34 @@
+#ifndef UART_EXCHANGE_H
+#define UART_EXCHANGE_H
+
+#include "line.h"
+#include "station.h"
+
+#include <string>
+
+namespace uart
+{
+
+/// Two stations on the ends of a line, both with the same settings.
+struct stationPair
+{
+    stationPair(line const& wires, lineSetup const& setup);
+    /// False, and a failed expectation, when one of the two cannot start.
+    bool start();
+    void stop();
+
+    lineSetup setup;
+    station left;
+    station right;
+};
+
+/// Sends that many tracked messages from each end to the other at the same time, and expects each once and in order.
+/// Prints the rate and what was sent again.
+void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::string const& title);
+
+/// A few messages each way: the line is as it should be.
+void expectExchange(stationPair& ends, unsigned first, std::string const& when);
+
+} // namespace uart
+
+#endif
