@@ -39,3 +39,10 @@ expect_exported libgssipport.so 'gssipSendAckReq::processRetransmit(double const
 expect_exported libgssipsupport.so 'gssipMessage::isValid() const'
 expect_exported libgssipsupport.so 'serialPort::open()'
 expect_exported libgssipsupport.so 'gssipVersion()'
+
+# What no derived class can call may change without a new version.
+for name in gssipPort::stopEverything gssipReceive::findStart gssipSendAckReq::sortQueue gssipMessage::makeHeader; do
+    if own_names libgssipport.so | grep -F "$name(" || own_names libgssipsupport.so | grep -F "$name("; then
+        fail "$name is private and exported"
+    fi
+done
