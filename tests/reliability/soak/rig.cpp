@@ -1,8 +1,12 @@
 #include "rig.h"
 
+#include "processState.h"
 #include "waitUntil.h"
 
+#include <algorithm>
 #include <chrono>
+#include <unistd.h>
+#include <vector>
 
 namespace soak
 {
@@ -10,6 +14,14 @@ namespace
 {
 
 constexpr std::chrono::seconds PATIENCE{60};
+
+bool everyOtherThreadSleeps()
+{
+    std::vector<kit::threadState> const threads = kit::processThreads();
+    return std::all_of(threads.begin(), threads.end(), [](kit::threadState const& each) {
+        return each.id == ::gettid() || kit::waitUntilAsleep(each.id);
+    });
+}
 
 } // namespace
 
@@ -41,13 +53,15 @@ bool rig::isAtRest()
     return stations[0]->isAtRest() && stations[1]->isAtRest() && line.isQuiet();
 }
 
-/// Between queue and line, and between line and application, a message is seen nowhere.
+/// Between queue and line, and between line and application, a message is seen nowhere. A thread that has one in its
+/// hands may wait for a processor for longer than the rest lasts; so each has to be seen asleep besides.
 bool rig::staysAtRest()
 {
     constexpr std::chrono::milliseconds LONG_ENOUGH{200};
     auto const progress = [this] { return line.bytesTaken() + stations[0]->delivered() + stations[1]->delivered(); };
     std::uint64_t const before = progress();
-    return isAtRest() && !kit::waitUntil([&] { return progress() != before || !isAtRest(); }, LONG_ENOUGH);
+    auto const moves = [&] { return progress() != before || !isAtRest(); };
+    return !moves() && !kit::waitUntil(moves, LONG_ENOUGH) && everyOtherThreadSleeps() && !moves();
 }
 
 bool rig::awaitRest()
