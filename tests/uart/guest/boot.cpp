@@ -1,24 +1,18 @@
 // The machine, its drivers and its cables are what the other scenarios take them for.
 
-#include "line.h"
+#include "devices.h"
 #include "scenario.h"
-#include "serialPort.h"
 #include "stopwatch.h"
-#include "streamLog.h"
 
 #include <algorithm>
 #include <ctime>
-#include <iostream>
 #include <sys/utsname.h>
 #include <thread>
-#include <vector>
 
 namespace uart
 {
 namespace
 {
-
-using bytes = std::vector<unsigned char>;
 
 void machineIsWhatItShouldBe()
 {
@@ -30,40 +24,14 @@ void machineIsWhatItShouldBe()
     expectEqual(sizeof(std::time_t), std::size_t{8}, "the size of a time");
 }
 
-bytes patternOf(std::size_t size)
-{
-    bytes pattern(size);
-    for (std::size_t place = 0; place < size; ++place)
-    {
-        pattern[place] = static_cast<unsigned char>(place * 7 + place / 256);
-    }
-    return pattern;
-}
-
-bytes receive(serialPort& port, std::size_t count)
-{
-    bytes received;
-    while (received.size() < count)
-    {
-        unsigned char part[256];
-        unsigned size = 0;
-        if (!expectEqual(port.receive(part, sizeof part, size), 0, "the result of receiving"))
-        {
-            break;
-        }
-        received.insert(received.end(), part, part + size);
-    }
-    return received;
-}
-
 void sendInPieces(serialPort& port, bytes const& data)
 {
     constexpr std::size_t PIECE = 28;
     for (std::size_t place = 0; place < data.size(); place += PIECE)
     {
-        unsigned sent = 0;
-        auto const size = static_cast<unsigned>(std::min(PIECE, data.size() - place));
-        expectEqual(port.send(data.data() + place, size, sent), 0, "the result of sending");
+        auto const begin = data.begin() + static_cast<std::ptrdiff_t>(place);
+        auto const size = static_cast<std::ptrdiff_t>(std::min(PIECE, data.size() - place));
+        expectEqual(sendAll(port, {begin, begin + size}).status, 0, "the result of sending");
     }
 }
 
@@ -72,23 +40,17 @@ void cableCarriesAndCounts(unsigned pair)
 {
     constexpr unsigned SPEED = 38400;
     constexpr std::size_t SIZE = 4000;
-    streamLog log(std::cout);
     line wires = line::betweenUarts(pair);
     wires.setSpeed(SPEED);
-    serialPort left(wires.device(0), log);
-    serialPort right(wires.device(1), log);
+    device left(wires.device(0), SPEED);
+    device right(wires.device(1), SPEED);
     std::uint64_t const before = wires.count(0).carried;
-    for (serialPort* const each : {&left, &right})
-    {
-        expectEqual(each->setSpeed(SPEED), 0, "the result of setting the speed");
-        expectEqual(each->open(), 0, "the result of opening " + each->getPort());
-    }
     bytes const data = patternOf(SIZE);
     kit::stopwatch const watch;
-    std::thread fromLeft([&] { sendInPieces(left, data); });
-    std::thread fromRight([&] { sendInPieces(right, data); });
-    std::thread toLeft([&] { expect(receive(left, SIZE) == data, "what the right sends arrives"); });
-    expect(receive(right, SIZE) == data, "what the left sends arrives");
+    std::thread fromLeft([&] { sendInPieces(left.port, data); });
+    std::thread fromRight([&] { sendInPieces(right.port, data); });
+    std::thread toLeft([&] { expect(receiveAll(left.port, SIZE) == data, "what the right sends arrives"); });
+    expect(receiveAll(right.port, SIZE) == data, "what the left sends arrives");
     for (std::thread* const each : {&fromLeft, &fromRight, &toLeft})
     {
         each->join();

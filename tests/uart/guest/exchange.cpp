@@ -28,30 +28,6 @@ unsigned feed(station& from, unsigned first, unsigned count)
     return now;
 }
 
-/// Feeds both until all is sent; false when nothing more goes.
-bool feedBoth(stationPair& ends, unsigned first, unsigned count, double patience_sec)
-{
-    unsigned fromLeft = 0;
-    unsigned fromRight = 0;
-    for (kit::stopwatch sinceProgress; fromLeft < count || fromRight < count;)
-    {
-        unsigned const left = feed(ends.left, first + fromLeft, count - fromLeft);
-        unsigned const right = feed(ends.right, first + fromRight, count - fromRight);
-        fromLeft += left;
-        fromRight += right;
-        if (left + right > 0)
-        {
-            sinceProgress = {};
-        }
-        if (sinceProgress.elapsed_sec() > patience_sec)
-        {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 void expectEachOnce(station& from, station& to, unsigned count, std::string const& which)
 {
     expectEqual(to.received(), count, "the number of messages " + which);
@@ -88,6 +64,29 @@ void stationPair::stop()
 {
     expect(left.stop(), "the left port stops");
     expect(right.stop(), "the right port stops");
+}
+
+bool feedBoth(stationPair& ends, unsigned first, unsigned count, double patience_sec)
+{
+    unsigned fromLeft = 0;
+    unsigned fromRight = 0;
+    for (kit::stopwatch sinceProgress; fromLeft < count || fromRight < count;)
+    {
+        unsigned const left = feed(ends.left, first + fromLeft, count - fromLeft);
+        unsigned const right = feed(ends.right, first + fromRight, count - fromRight);
+        fromLeft += left;
+        fromRight += right;
+        if (left + right > 0)
+        {
+            sinceProgress = {};
+        }
+        if (sinceProgress.elapsed_sec() > patience_sec)
+        {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::string const& title)

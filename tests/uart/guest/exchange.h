@@ -22,6 +22,9 @@ struct stationPair
     station right;
 };
 
+/// Sends that many tracked messages from each end, a few at a time; false when nothing goes for `patience_sec`.
+bool feedBoth(stationPair& ends, unsigned first, unsigned count, double patience_sec);
+
 /// Sends that many tracked messages from each end to the other at the same time, and expects each once and in order.
 /// Prints the rate and what was sent again.
 void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::string const& title);

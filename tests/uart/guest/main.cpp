@@ -36,7 +36,8 @@ tally* sharedTally()
 std::vector<scenario> allScenarios()
 {
     std::vector<scenario> all;
-    for (auto const& group : {uart::bootScenarios, uart::exchangeScenarios})
+    for (auto const& group : {uart::bootScenarios, uart::deviceScenarios, uart::exchangeScenarios,
+                              uart::trafficScenarios, uart::lifeScenarios, uart::clockScenarios, uart::figureScenarios})
     {
         std::vector<scenario> const members = group();
         all.insert(all.end(), members.begin(), members.end());

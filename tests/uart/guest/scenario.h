@@ -46,6 +46,11 @@ int failures();
 // The groups, each in its own file.
 std::vector<scenario> bootScenarios();
 std::vector<scenario> exchangeScenarios();
+std::vector<scenario> deviceScenarios();
+std::vector<scenario> trafficScenarios();
+std::vector<scenario> lifeScenarios();
+std::vector<scenario> clockScenarios();
+std::vector<scenario> figureScenarios();
 
 } // namespace uart
 

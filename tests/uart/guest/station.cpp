@@ -33,6 +33,7 @@ gssipMessage numberedMessage(unsigned number, unsigned dataWords, std::uint16_t 
 
 int countingPort::resendMessage(gssipMessage& message)
 {
+    lastResent_sec = monotonicTimeStamp().getTime_sec();
     ++resent;
     return kit::exposedPort::resendMessage(message);
 }
@@ -137,17 +138,23 @@ unsigned station::disordered() const
     return disorders;
 }
 
-unsigned station::copiesOf(unsigned number) const
+unsigned station::spoilt() const
 {
     std::lock_guard<std::mutex> const lock(mutex);
-    return copies[number];
+    return wrong;
+}
+
+unsigned station::mostCopies() const
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    return *std::max_element(copies.begin(), copies.end());
 }
 
 void station::forget()
 {
     std::lock_guard<std::mutex> const lock(mutex);
     std::fill(copies.begin(), copies.end(), std::uint8_t{0});
-    different = repeats = disorders = newest = 0;
+    different = repeats = disorders = newest = wrong = 0;
 }
 
 void station::receive()
@@ -166,6 +173,8 @@ void station::count(gssipMessage const& message)
 {
     std::lock_guard<std::mutex> const lock(mutex);
     unsigned const number = message.getId();
+    auto const words = static_cast<unsigned>(message.getData().size());
+    wrong += message.getData() != numberedMessage(number, words).getData() ? 1U : 0U;
     std::uint8_t const before = copies[number]++;
     different += before == 0 ? 1 : 0;
     repeats += before == 1 ? 1 : 0;

@@ -40,6 +40,7 @@ class countingPort : public kit::exposedPort
     int resendMessage(gssipMessage& message) override;
 
     std::atomic<unsigned> resent{0};
+    std::atomic<double> lastResent_sec{0.0}; ///< monotonic clock
 };
 
 /// An application on one end of a line: a port, and a thread that receives and counts.
@@ -70,8 +71,9 @@ class station
     unsigned received() const;   ///< how many different messages have come
     unsigned repeated() const;   ///< how many of them came more than once
     unsigned disordered() const; ///< how often a number came that was lower than the one before
-    unsigned copiesOf(unsigned number) const;
-    void forget(); ///< counts from nothing
+    unsigned spoilt() const;     ///< how many came with another content than they were sent with
+    unsigned mostCopies() const; ///< of one message
+    void forget();               ///< counts from nothing
 
     kit::recordingLog log;
     monotonicTimeStamp clock;
@@ -90,6 +92,7 @@ class station
     unsigned repeats = 0;
     unsigned disorders = 0;
     unsigned newest = 0;
+    unsigned wrong = 0;
 };
 
 } // namespace uart
