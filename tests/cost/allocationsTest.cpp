@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -35,8 +36,8 @@ constexpr double NEVER_SEC = 1e6;
 std::vector<std::uint16_t> const DATA(15, 0x1234);
 
 // What the queues' blocks have room for: 512 bytes, of messages with what stands beside them.
-constexpr double QUEUED = 1.0 / 5;
-constexpr double RECEIVED = 1.0 / 6;
+constexpr double QUEUED = 1.0 / (512 / sizeof(std::tuple<gssipMessage, bool>));
+constexpr double RECEIVED = 1.0 / (512 / sizeof(gssipMessage));
 
 class Allocations : public testing::TestWithParam<unsigned>
 {
