@@ -13,10 +13,13 @@ packages_of()
     find "$1" -name '*.deb' ! -name '*-dbgsym_*' | sort
 }
 
-# install_packages FILE...: with nothing from outside, so that a dependency too many is found.
+# install_packages FILE...: the root knows of no others, so that a dependency too many is found.
 install_packages()
 {
-    apt-get install --quiet --quiet --yes --no-install-recommends "$@"
+    apt-get install --quiet --quiet --yes --no-install-recommends "$@" >/tmp/install.log 2>&1 || {
+        cat /tmp/install.log
+        fail "cannot install $*"
+    }
 }
 
 # What the tests of debian/tests have to know where an architecture is not the machine's.
