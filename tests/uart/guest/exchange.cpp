@@ -110,16 +110,15 @@ void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::st
 void expectExchange(stationPair& ends, unsigned first, std::string const& when)
 {
     constexpr unsigned COUNT = 5;
-    for (station* const each : {&ends.left, &ends.right})
-    {
-        each->forget();
-        each->send(first, COUNT, DATA_WORDS);
-    }
+    ends.left.forget();
+    ends.right.forget();
+    ends.left.send(first, COUNT, DATA_WORDS);
+    ends.right.send(first, COUNT, DATA_WORDS);
     double const patience_sec = 10.0 + 2.0 * ends.setup.ackTimeout_sec;
     expect(ends.right.awaitReceived(COUNT, patience_sec), "messages arrive on the right " + when);
     expect(ends.left.awaitReceived(COUNT, patience_sec), "messages arrive on the left " + when);
-    ends.left.awaitSettled(patience_sec);
-    ends.right.awaitSettled(patience_sec);
+    expect(ends.left.awaitSettled(patience_sec), "messages from the left are acknowledged " + when);
+    expect(ends.right.awaitSettled(patience_sec), "messages from the right are acknowledged " + when);
 }
 
 namespace
@@ -133,6 +132,8 @@ void exchangeOnUarts(unsigned pair, unsigned speed, unsigned count)
     setup.speed = speed;
     // An acknowledgement waits for the message that is on its way; the rest is for a machine that stands still.
     setup.ackTimeout_sec = 5.0 + 200.0 * setup.byteTime_sec();
+    // Behind a message of the other side's the next one waits for an acknowledgement, or for so long.
+    setup.handshakeTimeout_sec = 0.02 + 60.0 * setup.byteTime_sec();
     stationPair ends(wires, setup);
     if (ends.start())
     {

@@ -100,9 +100,9 @@ bool station::awaitReceived(unsigned count, double patience_sec)
     return true;
 }
 
-bool station::awaitSettled(double patience_sec)
+bool station::awaitSettled(double patience_sec, std::chrono::microseconds look)
 {
-    for (kit::stopwatch watch; watch.elapsed_sec() < patience_sec; pause())
+    for (kit::stopwatch watch; watch.elapsed_sec() < patience_sec; std::this_thread::sleep_for(look))
     {
         if (outstanding() == 0)
         {
@@ -144,6 +144,12 @@ unsigned station::spoilt() const
     return wrong;
 }
 
+double station::newestArrival_sec() const
+{
+    std::lock_guard<std::mutex> const lock(mutex);
+    return arrival_sec;
+}
+
 unsigned station::mostCopies() const
 {
     std::lock_guard<std::mutex> const lock(mutex);
@@ -180,6 +186,7 @@ void station::count(gssipMessage const& message)
     repeats += before == 1 ? 1 : 0;
     disorders += number < newest ? 1 : 0;
     newest = number;
+    arrival_sec = clock.getTime_sec();
 }
 
 } // namespace uart

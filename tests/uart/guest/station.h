@@ -6,6 +6,7 @@
 #include "recordingLog.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -66,14 +67,15 @@ class station
     /// Waits until that many different messages have come; false when none has come for `patience_sec`.
     bool awaitReceived(unsigned count, double patience_sec);
     /// Waits until no message awaits its acknowledgement any more.
-    bool awaitSettled(double patience_sec);
+    bool awaitSettled(double patience_sec, std::chrono::microseconds look = std::chrono::milliseconds(5));
 
-    unsigned received() const;   ///< how many different messages have come
-    unsigned repeated() const;   ///< how many of them came more than once
-    unsigned disordered() const; ///< how often a number came that was lower than the one before
-    unsigned spoilt() const;     ///< how many came with another content than they were sent with
-    unsigned mostCopies() const; ///< of one message
-    void forget();               ///< counts from nothing
+    unsigned received() const;        ///< how many different messages have come
+    unsigned repeated() const;        ///< how many of them came more than once
+    unsigned disordered() const;      ///< how often a number came that was lower than the one before
+    unsigned spoilt() const;          ///< how many came with another content than they were sent with
+    double newestArrival_sec() const; ///< when the newest message came out of `getMessage`, by `clock`
+    unsigned mostCopies() const;      ///< of one message
+    void forget();                    ///< counts from nothing
 
     kit::recordingLog log;
     monotonicTimeStamp clock;
@@ -93,6 +95,7 @@ class station
     unsigned disorders = 0;
     unsigned newest = 0;
     unsigned wrong = 0;
+    double arrival_sec = 0.0;
 };
 
 } // namespace uart
