@@ -1,8 +1,8 @@
 # shellcheck shell=sh
 # What the tests share; read by them, in the folder of the source.
 #
-# DEB_HOST_GNU_TYPE names the packages' architecture where it is not the machine's (autopkgtest sets it), and
-# GSSIP_EMULATOR the program that then runs the others.
+# DEB_HOST_GNU_TYPE names the packages' architecture where it is not the machine's, and GSSIP_EMULATOR the program that
+# then runs theirs.
 
 work=${AUTOPKGTEST_TMP:-$(mktemp -d)}
 # shellcheck disable=SC2034 # for those who read this file
