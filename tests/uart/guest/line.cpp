@@ -1,11 +1,14 @@
 #include "line.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <system_error>
 #include <termios.h>
 #include <unistd.h>
@@ -38,6 +41,19 @@ int openRaw(char const* name)
     return descriptor;
 }
 
+int connectTo(char const* path)
+{
+    int const descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
+    if (::connect(descriptor, reinterpret_cast<sockaddr const*>(&address), sizeof address) != 0)
+    {
+        throwErrno(path);
+    }
+    return descriptor;
+}
+
 std::string readLine(int descriptor)
 {
     std::string text;
@@ -62,6 +78,11 @@ std::string readLine(int descriptor)
 line line::betweenUarts(unsigned pair)
 {
     return line(openRaw("/dev/ttyS4"), "/dev/ttyS", 2 * pair);
+}
+
+line line::betweenAdapters()
+{
+    return line(connectTo("/run/adapters"), "/dev/adapter", 0);
 }
 
 line::line(int commandDescriptor, std::string devicePrefix, unsigned first)
@@ -121,6 +142,16 @@ void line::sendBreak(unsigned end)
     tell("break", end, "");
 }
 
+void line::pull(unsigned end)
+{
+    tell("pull", end, "");
+}
+
+void line::plug(unsigned end)
+{
+    tell("plug", end, "");
+}
+
 line::counts line::count(unsigned end)
 {
     counts result{};
@@ -128,7 +159,7 @@ line::counts line::count(unsigned end)
     return result;
 }
 
-/// Other processes use the same way to the cable: question and answer are kept together.
+/// Other processes use the same serial port to the cable: question and answer are kept together.
 std::string line::ask(std::string const& verb, unsigned end, std::string const& values)
 {
     std::string const text = verb + ' ' + std::to_string(firstNumber + end) + ' ' + values + '\n';

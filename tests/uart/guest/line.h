@@ -14,6 +14,8 @@ class line
   public:
     /// A pair of the four serial ports: 0 or 1. What keeps their line is outside of the machine.
     static line betweenUarts(unsigned pair);
+    /// Two USB adapters, whose line is kept by the program that emulates them. It sees how its ends are set.
+    static line betweenAdapters();
     ~line();
     line(line&& other) noexcept;
     line(line const&) = delete;
@@ -30,6 +32,10 @@ class line
     void mend();
     /// The device at that end receives a break.
     void sendBreak(unsigned end);
+
+    /// Takes an adapter out, or puts it in again.
+    void pull(unsigned end);
+    void plug(unsigned end);
 
     struct counts
     {

@@ -36,8 +36,9 @@ tally* sharedTally()
 std::vector<scenario> allScenarios()
 {
     std::vector<scenario> all;
-    for (auto const& group : {uart::bootScenarios, uart::deviceScenarios, uart::exchangeScenarios,
-                              uart::trafficScenarios, uart::lifeScenarios, uart::clockScenarios, uart::figureScenarios})
+    for (auto const& group :
+         {uart::bootScenarios, uart::deviceScenarios, uart::exchangeScenarios, uart::trafficScenarios,
+          uart::lifeScenarios, uart::clockScenarios, uart::usbScenarios, uart::figureScenarios})
     {
         std::vector<scenario> const members = group();
         all.insert(all.end(), members.begin(), members.end());

@@ -50,6 +50,7 @@ std::vector<scenario> deviceScenarios();
 std::vector<scenario> trafficScenarios();
 std::vector<scenario> lifeScenarios();
 std::vector<scenario> clockScenarios();
+std::vector<scenario> usbScenarios();
 std::vector<scenario> figureScenarios();
 
 } // namespace uart
