@@ -39,6 +39,13 @@ void overflow()
     number = number + 1;
 }
 
+void misaligned()
+{
+    alignas(int) static unsigned char bytes[2 * sizeof(int)] = {};
+    unsigned char* volatile place = bytes + 1;
+    *reinterpret_cast<int volatile*>(place) = 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -59,6 +66,10 @@ int main(int argc, char** argv)
     else if (std::strcmp(fault, "overflow") == 0)
     {
         overflow();
+    }
+    else if (std::strcmp(fault, "misaligned") == 0)
+    {
+        misaligned();
     }
     else
     {

@@ -132,7 +132,7 @@ TEST(DeviceLine, LineSlowerThanComputed_DoesNotPileUpMessages)
 /// for.
 TEST(DeviceLine, SlowLineWithAFullDriver_IsNotTakenForBlocked)
 {
-    deviceOnLine device(lineAt(14400), 14400);
+    deviceOnLine device(lineAt(9600), 9600);
     kit::farEnd const far(device.line);
     kit::stopwatch const watch;
     kit::transfer const result = device.send(bytes(4400, 0x55));

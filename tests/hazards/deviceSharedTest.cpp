@@ -1,5 +1,6 @@
 // One line, one program: the device is taken, given back, and asked for nothing that a driver may lack.
 
+#include "emulation.h"
 #include "ordinaryUser.h"
 #include "serialPortOnLine.h"
 #include "systemCalls.h"
@@ -110,6 +111,10 @@ TEST(DeviceShared, DeviceLockedByAnotherProgram_IsRefused)
 
 TEST(DeviceShared, ExclusiveMode_LastsFromOpenToClose)
 {
+    if (!kit::tellsExclusiveMode())
+    {
+        GTEST_SKIP() << kit::EXCLUSIVE_MODE_UNTOLD;
+    }
     kit::serialPortOnLine device;
     otherDescriptor const other(device.line.name());
     EXPECT_FALSE(other.showsExclusive());
@@ -321,6 +326,10 @@ TEST(DeviceShared, TerminalThatAnswersNoCall_IsRefused)
 
 TEST(DeviceShared, SetUpThatFailsAtTheEnd_LeavesNothingBehind)
 {
+    if (!kit::tellsExclusiveMode())
+    {
+        GTEST_SKIP() << kit::EXCLUSIVE_MODE_UNTOLD;
+    }
     for (int successes = 0; successes < 2; ++successes)
     {
         watchedDriver driver;

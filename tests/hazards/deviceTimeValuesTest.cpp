@@ -1,6 +1,7 @@
 // Times that no clock and no device can keep: they saturate or are refused, the same on every processor.
 
 #include "messages.h"
+#include "nextFunction.h"
 #include "portOnLine.h"
 #include "timeFunctions.h"
 
@@ -8,7 +9,6 @@
 #include <cerrno>
 #include <cmath>
 #include <ctime>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <limits>
 #include <pthread.h>
@@ -34,12 +34,6 @@ void look(timespec const* deadline)
     }
 }
 
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 extern "C" {
@@ -47,14 +41,15 @@ extern "C" {
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
 {
     static auto* const real =
-        next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
+        kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
     look(deadline);
     return real(condition, mutex, clock, deadline);
 }
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline)
 {
-    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
+    static auto* const real =
+        kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
     look(deadline);
     return real(condition, mutex, deadline);
 }

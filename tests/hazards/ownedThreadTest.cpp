@@ -31,7 +31,7 @@ TEST(OwnedThread, FailedCreation_LeavesNothingToJoin)
 {
     ownedThread subject;
     defaultAttributes attributes;
-    constexpr std::size_t TOO_MUCH = std::numeric_limits<std::size_t>::max() / 4;
+    constexpr std::size_t TOO_MUCH = std::numeric_limits<std::size_t>::max() / 4 * 3;
     ASSERT_EQ(pthread_attr_setstacksize(&attributes.value, TOO_MUCH), 0);
     pthread_t id{};
     EXPECT_NE(subject.create(

@@ -3,8 +3,13 @@
 #   SOURCE   the source tree           BUILD    its build folder
 #   WORK     a folder of the test's    PREFIX   where the library is installed
 #   CXX      the compiler              VERSION  the version that all must agree on
+# and for another processor
+#   EMULATOR    what runs its programs
+#   TIME_FLAGS  what makes time 64 bits wide there
 set -euo pipefail
 : "${SOURCE:?}" "${BUILD:?}" "${WORK:?}" "${PREFIX:?}" "${CXX:?}" "${VERSION:?}"
+EMULATOR=${EMULATOR-}
+TIME_FLAGS=${TIME_FLAGS-}
 
 fail()
 {
@@ -29,11 +34,18 @@ library_dir()
     dirname "$(find_in "$1" libgssipport.so)"
 }
 
+# Runs a program of the libraries' processor.
+run()
+{
+    # shellcheck disable=SC2086 # a command with arguments, or nothing
+    $EMULATOR "$@"
+}
+
 # Runs a consumer and looks at what it says.
 expect_consumer()
 {
     local output expected
-    output=$("$1") || fail "$1 failed, saying: $output"
+    output=$(run "$1") || fail "$1 failed, saying: $output"
     printf '%s\n' "$output"
     expected="$VERSION"$'\n'"/nonexistent/device 9600 8N1"
     [[ $output == "$expected"* ]] || fail "expected the version and the configuration of a new port"
@@ -46,7 +58,7 @@ consume_by_find_package()
     cmake --build "$WORK/find-package"
     grep -q "^gssip_DIR:PATH=$1/" "$WORK/find-package/CMakeCache.txt" || fail "found in some other place than $1"
     expect_consumer "$WORK/find-package/consumer"
-    "$WORK/find-package/supportOnly"
+    run "$WORK/find-package/supportOnly"
 }
 
 consume_by_pkg_config()
@@ -57,6 +69,7 @@ consume_by_pkg_config()
     [[ $(pkg-config --modversion gssipport) == "$VERSION" ]] || fail "pkg-config tells another version"
     [[ $(pkg-config --modversion gssipsupport) == "$VERSION" ]] || fail "pkg-config tells another version"
     flags=$(pkg-config --cflags --libs gssipport)
+    [[ $flags == *"$TIME_FLAGS"* ]] || fail "pkg-config does not pass on $TIME_FLAGS: $flags"
     [[ $flags != *"$PREFIX"* || $1 == "$PREFIX" ]] || fail "flags of another place: $flags"
     mkdir -p "$WORK/pkg-config"
     # shellcheck disable=SC2086 # a list of arguments

@@ -4,10 +4,11 @@
 . "$(dirname "$0")/common.sh"
 
 headers=$(dirname "$(find_in "$PREFIX" gssipPort.h)")
+read -ra time_flags <<<"$TIME_FLAGS"
 count=0
 for header in "$headers"/*; do
     printf '#include "%s"\n#include "%s"\n' "$(basename "$header")" "$(basename "$header")" |
-        "$CXX" -std=c++17 -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror \
+        "$CXX" -std=c++17 "${time_flags[@]}" -fsyntax-only -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror \
             -I"$headers" -x c++ - || fail "$(basename "$header") does not compile alone"
     count=$((count + 1))
 done

@@ -12,7 +12,19 @@ fi
 consume_by_find_package "$WORK/second"
 consume_by_pkg_config "$WORK/second"
 
+# What the loader finds for a library; that of another processor is asked by the emulator.
+libraries_of()
+{
+    local loader
+    if [[ -z $EMULATOR ]]; then
+        ldd "$1"
+        return
+    fi
+    loader=$(readelf --program-headers "$WORK/find-package/consumer" | sed -nE 's|.*interpreter: .*/([^]]*)\]|\1|p')
+    run "$("$CXX" -print-file-name="$loader")" --list "$1"
+}
+
 # The one library finds the other beside itself.
 libraries=$(library_dir "$WORK/second")
-ldd "$libraries/libgssipport.so" | grep -F "libgssipsupport.so.${VERSION%%.*} => $libraries/" ||
+libraries_of "$libraries/libgssipport.so" | grep -F "libgssipsupport.so.${VERSION%%.*} => $libraries/" ||
     fail "libgssipport does not find libgssipsupport beside itself"

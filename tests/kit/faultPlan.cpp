@@ -1,6 +1,7 @@
 #include "faultPlan.h"
 
 #include "allocations.h"
+#include "nextFunction.h"
 #include "threadCalls.h"
 
 #include <array>
@@ -9,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <optional>
 #include <pthread.h>
@@ -463,14 +463,16 @@ UNINSTRUMENTED int sem_post(sem_t* semaphore) noexcept
 UNINSTRUMENTED int nanosleep(timespec const* duration, timespec* left)
 {
     static void* known = nullptr;
+    constexpr char const* SYMBOL = kit::symbolOf("nanosleep");
     return orFault(kit::callKind::nanosleep,
-                   [&] { return systemFunction<int(timespec const*, timespec*)>(known, "nanosleep")(duration, left); });
+                   [&] { return systemFunction<int(timespec const*, timespec*)>(known, SYMBOL)(duration, left); });
 }
 
 UNINSTRUMENTED int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
     static void* known = nullptr;
-    auto const call = [&] { return systemFunction<int(clockid_t, timespec*)>(known, "clock_gettime")(clock, time); };
+    constexpr char const* SYMBOL = kit::symbolOf("clock_gettime");
+    auto const call = [&] { return systemFunction<int(clockid_t, timespec*)>(known, SYMBOL)(clock, time); };
     return clock == CLOCK_REALTIME ? orFault(kit::callKind::wallClock, call) : call();
 }
 

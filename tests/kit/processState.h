@@ -4,6 +4,7 @@
 #include "waitUntil.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <sys/types.h>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace kit
@@ -68,6 +70,19 @@ inline std::vector<threadState> processThreads()
         }
     }
     return threads;
+}
+
+/// What a thread shows that has blocked every signal: the C library keeps some for itself, and so does an emulator.
+inline std::uint64_t everySignalBlocked()
+{
+    std::uint64_t blocked = 0;
+    std::thread([&blocked] {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, nullptr);
+        blocked = std::stoull(statusField(gettid(), "SigBlk"), nullptr, 16);
+    }).join();
+    return blocked;
 }
 
 /// True when the thread sleeps and goes on sleeping: it waits for something, not just for its turn on a processor.

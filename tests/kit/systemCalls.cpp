@@ -1,8 +1,9 @@
 #include "systemCalls.h"
 
+#include "nextFunction.h"
+
 #include <atomic>
 #include <cstdarg>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -21,13 +22,6 @@ kit::systemCalls& current()
     return replaced != nullptr ? *replaced : real;
 }
 
-/// The function that this program would call without the ones below: the C library's, or a sanitizer's.
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 namespace kit
@@ -35,19 +29,19 @@ namespace kit
 
 int systemCalls::open(char const* name, int flags, mode_t mode)
 {
-    static auto* const real = next<int(char const*, int, ...)>("open");
+    static auto* const real = kit::nextFunction<int(char const*, int, ...)>("open");
     return real(name, flags, mode);
 }
 
 int systemCalls::ioctl(int descriptor, unsigned long request, void* argument)
 {
-    static auto* const real = next<int(int, unsigned long, ...)>("ioctl");
+    static auto* const real = kit::nextFunction<int(int, unsigned long, ...)>("ioctl");
     return real(descriptor, request, argument);
 }
 
 int systemCalls::close(int descriptor)
 {
-    static auto* const real = next<int(int)>("close");
+    static auto* const real = kit::nextFunction<int(int)>("close");
     return real(descriptor);
 }
 
@@ -58,37 +52,37 @@ int systemCalls::fstat(int descriptor, struct stat& status)
 
 int systemCalls::flock(int descriptor, int operation)
 {
-    static auto* const real = next<int(int, int)>("flock");
+    static auto* const real = kit::nextFunction<int(int, int)>("flock");
     return real(descriptor, operation);
 }
 
 int systemCalls::eventfd(unsigned count, int flags)
 {
-    static auto* const real = next<int(unsigned, int)>("eventfd");
+    static auto* const real = kit::nextFunction<int(unsigned, int)>("eventfd");
     return real(count, flags);
 }
 
 ssize_t systemCalls::write(int descriptor, void const* bytes, std::size_t count)
 {
-    static auto* const real = next<ssize_t(int, void const*, std::size_t)>("write");
+    static auto* const real = kit::nextFunction<ssize_t(int, void const*, std::size_t)>("write");
     return real(descriptor, bytes, count);
 }
 
 ssize_t systemCalls::read(int descriptor, void* bytes, std::size_t capacity)
 {
-    static auto* const real = next<ssize_t(int, void*, std::size_t)>("read");
+    static auto* const real = kit::nextFunction<ssize_t(int, void*, std::size_t)>("read");
     return real(descriptor, bytes, capacity);
 }
 
 int systemCalls::poll(pollfd* descriptors, nfds_t count, int limit_ms)
 {
-    static auto* const real = next<int(pollfd*, nfds_t, int)>("poll");
+    static auto* const real = kit::nextFunction<int(pollfd*, nfds_t, int)>("poll");
     return real(descriptors, count, limit_ms);
 }
 
 int systemCalls::ppoll(pollfd* descriptors, nfds_t count, timespec const* limit, sigset_t const* signals)
 {
-    static auto* const real = next<int(pollfd*, nfds_t, timespec const*, sigset_t const*)>("ppoll");
+    static auto* const real = kit::nextFunction<int(pollfd*, nfds_t, timespec const*, sigset_t const*)>("ppoll");
     return real(descriptors, count, limit, signals);
 }
 

@@ -1,8 +1,9 @@
 #include "threadCalls.h"
 
+#include "nextFunction.h"
+
 #include <atomic>
 #include <ctime>
-#include <dlfcn.h>
 
 namespace
 {
@@ -11,13 +12,6 @@ std::atomic<kit::threadCalls*> replacement{nullptr};
 
 /// True while this thread is inside a replacement, whose own calls are the system's business.
 thread_local bool inside = false;
-
-/// The function that this program would call without the ones below: the C library's, or a sanitizer's.
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
 
 template <typename Call>
 void tell(Call const& call)
@@ -66,13 +60,14 @@ namespace kit
 
 int threadCalls::create(pthread_t& thread, pthread_attr_t const* attributes, threadEntry entry, void* argument)
 {
-    static auto* const real = next<int(pthread_t*, pthread_attr_t const*, threadEntry, void*)>("pthread_create");
+    static auto* const real =
+        kit::nextFunction<int(pthread_t*, pthread_attr_t const*, threadEntry, void*)>("pthread_create");
     return real(&thread, attributes, entry, argument);
 }
 
 int threadCalls::setName(pthread_t thread, char const* name)
 {
-    static auto* const real = next<int(pthread_t, char const*)>("pthread_setname_np");
+    static auto* const real = kit::nextFunction<int(pthread_t, char const*)>("pthread_setname_np");
     return real(thread, name);
 }
 
@@ -116,14 +111,14 @@ int pthread_setname_np(pthread_t thread, char const* name) noexcept
 
 int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept
 {
-    static auto* const real = next<int(pthread_mutex_t*)>("pthread_mutex_lock");
+    static auto* const real = kit::nextFunction<int(pthread_mutex_t*)>("pthread_mutex_lock");
     tell([&](kit::threadCalls& calls) { calls.beforeLock(*mutex); });
     return real(mutex);
 }
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
-    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
+    static auto* const real = kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
     int const status = isOverBeforeItBegins(*condition) ? wakeForNothing(mutex) : real(condition, mutex);
     tell([&](kit::threadCalls& calls) { calls.afterWait(*condition); });
     return status;
@@ -132,7 +127,7 @@ int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
 {
     static auto* const real =
-        next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
+        kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
     int const status = isOverBeforeItBegins(*condition) && isAhead(clock, *deadline)
                            ? wakeForNothing(mutex)
                            : real(condition, mutex, clock, deadline);
@@ -142,7 +137,8 @@ int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, cl
 
 int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex, timespec const* deadline)
 {
-    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
+    static auto* const real =
+        kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*, timespec const*)>("pthread_cond_timedwait");
     int const status = isOverBeforeItBegins(*condition) && isAhead(CLOCK_REALTIME, *deadline)
                            ? wakeForNothing(mutex)
                            : real(condition, mutex, deadline);

@@ -1,10 +1,11 @@
 #include "wallClock.h"
 
+#include "nextFunction.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
-#include <dlfcn.h>
 #include <pthread.h>
 
 namespace
@@ -22,12 +23,6 @@ std::int64_t readOffset_sec()
         kit::takePlannedStep();
     }
     return shown_sec;
-}
-
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 timespec now(clockid_t clock)
@@ -60,6 +55,11 @@ void stepWallClock(std::chrono::seconds step)
     offset_sec += step.count();
 }
 
+void setWallClock(std::chrono::seconds sinceEpoch)
+{
+    stepWallClock(sinceEpoch - std::chrono::seconds(now(CLOCK_REALTIME).tv_sec));
+}
+
 void stepWallClockAfterReading(int reading, std::chrono::seconds step)
 {
     planned_sec = 0;
@@ -84,7 +84,7 @@ extern "C" {
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
-    static auto* const real = next<int(clockid_t, timespec*)>("clock_gettime");
+    static auto* const real = kit::nextFunction<int(clockid_t, timespec*)>("clock_gettime");
     int const status = real(clock, time);
     if (status == 0 && clock == CLOCK_REALTIME)
     {

@@ -13,6 +13,9 @@ namespace kit
 /// Moves the wall clock of this program from now on; negative steps it back.
 void stepWallClock(std::chrono::seconds step);
 
+/// Sets the wall clock of this program to so many seconds after the beginning of 1970.
+void setWallClock(std::chrono::seconds sinceEpoch);
+
 /// Plans a step for the moment right after the wall clock has been read that many times more, by whatever thread.
 void stepWallClockAfterReading(int reading, std::chrono::seconds step);
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -126,7 +127,9 @@ struct portOnMaking
     void failTransmitCreation()
     {
         threads.onAttributes = [](int priority, pthread_attr_t& attr) {
-            return priority == transmitPriority ? pthread_attr_setstacksize(&attr, std::size_t{1} << 50U) : 0;
+            return priority == transmitPriority
+                       ? pthread_attr_setstacksize(&attr, std::numeric_limits<std::size_t>::max() / 4 * 3)
+                       : 0;
         };
     }
 

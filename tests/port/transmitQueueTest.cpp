@@ -143,7 +143,7 @@ int waitForSignal(exposedPort& port, std::chrono::milliseconds limit, std::funct
         timespec deadline{};
         clock_gettime(CLOCK_REALTIME, &deadline);
         deadline.tv_sec += limit.count() / 1000;
-        deadline.tv_nsec += limit.count() % 1000 * 1000000;
+        deadline.tv_nsec += static_cast<long>(limit.count() % 1000) * 1000000;
         deadline.tv_sec += deadline.tv_nsec / 1000000000;
         deadline.tv_nsec %= 1000000000;
         sentry const lock(port.txMutex);

@@ -1,5 +1,6 @@
 #include "kernelTermios.h"
 
+#include <array>
 #include <asm/termbits.h>
 #include <cerrno>
 #include <sys/ioctl.h>
@@ -25,6 +26,16 @@ unsigned dataBitsOf(tcflag_t flags)
     }
 }
 
+unsigned speedOf(tcflag_t flags)
+{
+    constexpr std::array<unsigned, 16> SLOW{0,   50,   75,   110,  134,  150,  200,   300,
+                                            600, 1200, 1800, 2400, 4800, 9600, 19200, 38400};
+    constexpr std::array<unsigned, 15> FAST{57600,   115200,  230400,  460800,  500000,  576000,  921600, 1000000,
+                                            1152000, 1500000, 2000000, 2500000, 3000000, 3500000, 4000000};
+    tcflag_t const code = flags & CBAUD;
+    return code < SLOW.size() ? SLOW.at(code) : FAST.at(code - B57600);
+}
+
 kernelTermios translated(termios2 const& values)
 {
     kernelTermios result;
@@ -38,16 +49,26 @@ kernelTermios translated(termios2 const& values)
     return result;
 }
 
+/// The older structure, which has the speed as a code alone.
+termios2 standardTermiosOf(int descriptor)
+{
+    termios2 values{};
+    if (syscall(SYS_ioctl, descriptor, TCGETS, &values) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "TCGETS");
+    }
+    values.c_ospeed = speedOf(values.c_cflag);
+    values.c_ispeed = values.c_ospeed;
+    return values;
+}
+
 } // namespace
 
 kernelTermios kernelTermiosOf(int descriptor)
 {
     termios2 values{};
-    if (syscall(SYS_ioctl, descriptor, TCGETS2, &values) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "TCGETS2");
-    }
-    return translated(values);
+    bool const knowsEverySpeed = syscall(SYS_ioctl, descriptor, TCGETS2, &values) == 0;
+    return translated(knowsEverySpeed ? values : standardTermiosOf(descriptor));
 }
 
 bool readsKernelTermios(unsigned long request)

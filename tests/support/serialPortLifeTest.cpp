@@ -295,7 +295,7 @@ TEST_F(SerialPortLife, Close_CutsABlockedSendOff)
     EXPECT_EQ(cut.status, EBADF);
     ASSERT_GT(cut.count, 0U);
     ASSERT_LT(cut.count, message.size());
-    EXPECT_EQ(line.readUntilQuiet(), bytes(message.begin(), message.begin() + cut.count));
+    EXPECT_EQ(line.readUntilQuiet(), bytes(message.data(), message.data() + cut.count));
 }
 
 TEST_F(SerialPortLife, Close_GrantsAFlowingSendTheTimeItNeeds)

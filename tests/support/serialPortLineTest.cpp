@@ -112,8 +112,8 @@ TEST_F(SerialPortLine, CloseBehindAMessage_WaitsForItsEnd)
 
 TEST_F(SerialPortLine, CloseBehindALongMessage_WaitsAtMostTwoSeconds)
 {
-    ASSERT_EQ(port.setSpeed(10U), 0);
-    sendAll(bytes(100, 0x55));
+    ASSERT_EQ(port.setSpeed(50U), 0);
+    sendAll(bytes(500, 0x55));
     kit::stopwatch const watch;
     EXPECT_EQ(port.close(), 0);
     EXPECT_LT(watch.elapsed_sec(), 10.0) << "the line needs a hundred seconds";
@@ -137,8 +137,8 @@ TEST_F(SerialPortLine, CloseOfADeviceThatIsGone_WaitsForNoLine)
 
 TEST_F(SerialPortLine, SenderThatWaitsForTheLine_IsCutOffByCloseInTheEnd)
 {
-    ASSERT_EQ(port.setSpeed(10U), 0);
-    sendAll(bytes(100, 0x55));
+    ASSERT_EQ(port.setSpeed(50U), 0);
+    sendAll(bytes(500, 0x55));
     kit::callOnThread<kit::transfer> waiting([this] { return send(bytes(1, 0x66)); });
     waiting.awaitAsleep();
     EXPECT_FALSE(waiting.hasEnded());

@@ -4,6 +4,7 @@
 #include "timeFunctions.h"
 
 #include "callOnThread.h"
+#include "nextFunction.h"
 #include "ordinaryUser.h"
 #include "processState.h"
 #include "stopwatch.h"
@@ -14,7 +15,6 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <iterator>
@@ -214,7 +214,7 @@ thread_local bool clockFails = false;
 /// Stands in front of the C library's: no clock of an ordinary machine fails.
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
-    static auto* const real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static auto* const real = kit::nextFunction<int(clockid_t, timespec*)>("clock_gettime");
     if (clockFails)
     {
         errno = EOVERFLOW;

@@ -3,13 +3,13 @@
 #include "callOnThread.h"
 #include "checkpoint.h"
 #include "messages.h"
+#include "nextFunction.h"
 #include "portOnLine.h"
 #include "processState.h"
 
 #include <atomic>
 #include <cerrno>
 #include <ctime>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <string>
@@ -21,26 +21,20 @@ namespace
 std::atomic<pthread_cond_t*> failing{nullptr};
 constexpr int ERROR = ENOTRECOVERABLE;
 
-template <typename Function>
-Function* next(char const* name)
-{
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 } // namespace
 
 extern "C" {
 
 int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex)
 {
-    static auto* const real = next<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
+    static auto* const real = kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*)>("pthread_cond_wait");
     return condition == failing ? ERROR : real(condition, mutex);
 }
 
 int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock, timespec const* deadline)
 {
     static auto* const real =
-        next<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
+        kit::nextFunction<int(pthread_cond_t*, pthread_mutex_t*, clockid_t, timespec const*)>("pthread_cond_clockwait");
     return condition == failing ? ERROR : real(condition, mutex, clock, deadline);
 }
 

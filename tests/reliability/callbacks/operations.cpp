@@ -18,7 +18,7 @@ std::string unless(bool isSo, char const* expectation)
     return isSo ? "" : std::string("not so: ") + expectation;
 }
 
-std::string zero(long result)
+std::string zero(std::int64_t result)
 {
     return unless(result == 0, "the result is 0");
 }

@@ -2,6 +2,7 @@
 #define CYCLES_LIFECYCLES_H
 
 #include "cycleJudge.h"
+#include "emulation.h"
 #include "monotonicTimeStamp.h"
 #include "placement.h"
 #include "sanitized.h"
@@ -22,6 +23,14 @@ namespace cycles
 class lifeCycles : public testing::TestWithParam<placement>
 {
   protected:
+    void SetUp() override
+    {
+        if (!kit::givesThreadMemoryBack())
+        {
+            GTEST_SKIP() << kit::THREAD_MEMORY_KEPT;
+        }
+    }
+
     void run(std::size_t count, std::function<void(cycleJudge&)> const& oneCycle, std::size_t held_bytes = 0)
     {
         SCOPED_TRACE("GSSIP_TEST_SEED=" + std::to_string(seed));

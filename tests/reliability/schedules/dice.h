@@ -1,6 +1,7 @@
 #ifndef SCHEDULES_DICE_H
 #define SCHEDULES_DICE_H
 
+#include <cstddef>
 #include <cstdint>
 
 namespace schedules
@@ -22,15 +23,15 @@ class dice
     }
 
     /// 0 to `bound` - 1; `bound` must not be 0.
-    std::uint64_t below(std::uint64_t bound) { return next() % bound; }
+    std::size_t below(std::size_t bound) { return static_cast<std::size_t>(next() % bound); }
 
     std::int64_t between(std::int64_t least, std::int64_t most)
     {
-        return least + static_cast<std::int64_t>(below(static_cast<std::uint64_t>(most - least) + 1));
+        return least + static_cast<std::int64_t>(next() % (static_cast<std::uint64_t>(most - least) + 1));
     }
 
     /// True once in `times`, on average; never when that is 0.
-    bool onceIn(std::uint64_t times) { return times != 0 && below(times) == 0; }
+    bool onceIn(std::uint64_t times) { return times != 0 && next() % times == 0; }
 
   private:
     std::uint64_t state;

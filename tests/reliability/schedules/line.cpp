@@ -40,7 +40,7 @@ class line::node : public device, public std::enable_shared_from_this<line::node
 
     std::shared_ptr<openFile> open() override;
 
-    std::int64_t take(std::uint8_t const* first, std::size_t count);
+    ssize_t take(std::uint8_t const* first, std::size_t count);
     void arrive(bytes const& content);
     void hold();
     void letFlow();
@@ -285,7 +285,7 @@ unsigned line::node::driverCount() const
     return characters - std::min(characters, traits.hardware);
 }
 
-std::int64_t line::node::take(std::uint8_t const* first, std::size_t count)
+ssize_t line::node::take(std::uint8_t const* first, std::size_t count)
 {
     std::size_t taken = std::min<std::size_t>(count, traits.ring - std::min(traits.ring, driverCount()));
     if (taken == 0)
@@ -298,7 +298,7 @@ std::int64_t line::node::take(std::uint8_t const* first, std::size_t count)
     }
     output.push_back({bytes(first, first + taken), 0});
     planLeaving();
-    return static_cast<std::int64_t>(taken);
+    return static_cast<ssize_t>(taken);
 }
 
 /// Gives every batch that has no time yet the time at which its last character will have left.

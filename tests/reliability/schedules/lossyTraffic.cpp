@@ -128,7 +128,7 @@ class trafficDraw
 
     std::vector<std::uint16_t> drawData()
     {
-        std::uint64_t const longest = chance.onceIn(12) ? 400 : 20;
+        std::size_t const longest = chance.onceIn(12) ? 400 : 20;
         std::vector<std::uint16_t> data(chance.onceIn(4) ? 0 : chance.below(longest + 1));
         for (std::uint16_t& word : data)
         {

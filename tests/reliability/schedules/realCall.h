@@ -1,7 +1,7 @@
 #ifndef SCHEDULES_REALCALL_H
 #define SCHEDULES_REALCALL_H
 
-#include <dlfcn.h>
+#include "nextFunction.h"
 
 namespace schedules
 {
@@ -10,7 +10,7 @@ namespace schedules
 template <typename Function>
 Function* realCall(char const* name)
 {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+    return kit::nextFunction<Function>(name);
 }
 
 } // namespace schedules

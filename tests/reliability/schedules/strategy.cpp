@@ -46,7 +46,7 @@ class priorityStrategy : public strategy
         std::uint64_t const steps = std::max<std::uint64_t>(wanted.steps >> chance.below(HALVINGS), 1);
         for (unsigned i = 1; i < wanted.depth; ++i)
         {
-            changes.insert(chance.below(steps));
+            changes.insert(chance.next() % steps);
         }
     }
 

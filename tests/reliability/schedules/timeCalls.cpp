@@ -32,7 +32,7 @@ int clock_gettime(clockid_t clock, timespec* time) noexcept
     }
     std::int64_t const now_ns = clock == CLOCK_REALTIME ? schedule->wallNow_ns() : schedule->now_ns();
     time->tv_sec = now_ns / NS_PER_SEC;
-    time->tv_nsec = now_ns % NS_PER_SEC;
+    time->tv_nsec = static_cast<long>(now_ns % NS_PER_SEC);
     return 0;
 }
 
@@ -48,5 +48,26 @@ int nanosleep(timespec const* duration, timespec* left)
     schedule->block(waiting::time, nullptr, schedule->now_ns() + duration->tv_sec * NS_PER_SEC + duration->tv_nsec);
     return 0;
 }
+
+#if __TIMESIZE == 32
+
+/// As the C library has it where nobody asks for 64 bits: the clocks of the C++ library were compiled so.
+struct narrowTime
+{
+    std::int32_t sec;
+    std::int32_t nsec;
+};
+
+int narrowClock(clockid_t clock, narrowTime* time) noexcept __asm__("clock_gettime");
+
+int narrowClock(clockid_t clock, narrowTime* time) noexcept
+{
+    timespec wide{};
+    int const status = clock_gettime(clock, &wide);
+    *time = {static_cast<std::int32_t>(wide.tv_sec), static_cast<std::int32_t>(wide.tv_nsec)};
+    return status;
+}
+
+#endif
 
 } // extern "C"

@@ -1,5 +1,7 @@
 #include "priorityLimit.h"
 
+#include "emulation.h"
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -133,5 +135,9 @@ std::string limitRealTimePriority(int limit)
 {
     auto const priority = static_cast<rlim_t>(limit);
     rlimit const wanted{priority, priority};
+    if (!kit::hasSystemCallFilters())
+    {
+        return kit::NO_SYSTEM_CALL_FILTERS;
+    }
     return setrlimit(RLIMIT_RTPRIO, &wanted) == 0 ? "" : haveSchedulingSupervised(limit);
 }

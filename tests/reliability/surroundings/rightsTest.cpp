@@ -1,5 +1,6 @@
 // A whole port in processes with every right, with some and with none.
 
+#include "emulation.h"
 #include "ordinaryUser.h"
 #include "priorityLimit.h"
 #include "processRights.h"
@@ -80,6 +81,11 @@ std::string needLimitTo50()
     return fault.empty() ? need(limitTo50) : fault;
 }
 
+std::string needFilters()
+{
+    return kit::hasSystemCallFilters() ? "" : kit::NO_SYSTEM_CALL_FILTERS;
+}
+
 std::string needHiddenProc()
 {
     std::string const fault = needRoot();
@@ -110,8 +116,8 @@ rights const situations[] = {
     {"OrdinaryUser", nothing, forbidRealTime, true, defaultScheduling()},
     {"OrdinaryUserUpToPriority50", needLimitTo50, limitTo50, true, onlyEventsInRealTime()},
     {"OrdinaryUserUpToPriority51", needLimitTo50, limitTo51, true, realTimeScheduling()},
-    {"SchedulingRefused", nothing, kit::refuseScheduling, false, defaultScheduling()},
-    {"OrdinaryUserWithSchedulingRefused", nothing, kit::refuseScheduling, true, defaultScheduling()},
+    {"SchedulingRefused", needFilters, kit::refuseScheduling, false, defaultScheduling()},
+    {"OrdinaryUserWithSchedulingRefused", needFilters, kit::refuseScheduling, true, defaultScheduling()},
     {"StarterAboveThemOnOneProcessor", needRealTime, kit::becomeRealTimeOnOneProcessor, false, realTimeScheduling()},
 };
 
