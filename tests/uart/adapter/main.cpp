@@ -53,15 +53,19 @@ class rig
                                : obey(verb, number, value);
     }
 
-    void step()
+    void handleRequests(unsigned number) { chips[number].handleRequests(); }
+
+    void advance()
     {
-        for (serialChip& each : chips)
+        for (unsigned times = 0; times < 2; ++times) // what one draws the other one may receive
         {
-            each.step(adapter::now_ns());
+            for (serialChip& each : chips)
+            {
+                each.advance(adapter::now_ns());
+            }
         }
         for (serialChip& each : chips)
         {
-            each.step(adapter::now_ns()); // what the other one has drawn meanwhile
             each.nameDevice();
         }
     }
@@ -133,7 +137,7 @@ void run()
     std::vector<int> clients;
     for (;;)
     {
-        adapters.step();
+        adapters.advance();
         std::vector<pollfd> waiting{{listener, POLLIN, 0}};
         for (serialChip const& each : adapters.all())
         {
@@ -144,6 +148,13 @@ void run()
             waiting.push_back({client, POLLIN, 0});
         }
         poll(waiting.data(), waiting.size(), adapters.isBusy() ? 1 : 50);
+        for (unsigned number = 0; number < ADAPTERS; ++number)
+        {
+            if (waiting[1 + number].revents != 0)
+            {
+                adapters.handleRequests(number);
+            }
+        }
         if ((waiting.front().revents & POLLIN) != 0)
         {
             clients.push_back(accept(listener, nullptr, nullptr));

@@ -38,6 +38,11 @@ enum lineStatusBit : unsigned {
 
 constexpr unsigned char MODEM_STATUS = 0x31; // clear to send, data set ready
 
+unsigned errorsOf(character const& from)
+{
+    return (from.hasParityError ? PARITY : 0U) | (from.hasFramingError ? FRAMING : 0U) | (from.isBreak ? BREAK : 0U);
+}
+
 bytes textDescriptor(std::string const& text)
 {
     bytes result{static_cast<unsigned char>(2 + 2 * text.size()), 3};
@@ -84,19 +89,23 @@ void serialChip::reset()
     hasToldStatus = false;
 }
 
-void serialChip::step(std::int64_t time_ns)
+void serialChip::handleRequests()
+{
+    if (inHub && !inHub->step([this](request const& asked) { take(asked); },
+                              [this](std::uint32_t number) { return cancel(number); }))
+    {
+        inHub.reset();
+        unlink(nameOfLink().c_str());
+        isNamed = false;
+    }
+}
+
+void serialChip::advance(std::int64_t time_ns)
 {
     receive(time_ns); // a line goes on without a chip
     if (!inHub)
     {
         received.clear();
-        return;
-    }
-    if (!inHub->step([this](request const& asked) { take(asked); },
-                     [this](std::uint32_t number) { return cancel(number); }))
-    {
-        inHub.reset();
-        unlink(("/dev/adapter" + std::to_string(port)).c_str());
         return;
     }
     fillFromOutputs();
@@ -110,27 +119,33 @@ bool serialChip::isBusy() const
     return inHub && (!toSend.empty() || !received.empty() || in.hasCharacters() || !hasToldStatus);
 }
 
-void serialChip::nameDevice() const
+void serialChip::nameDevice()
 {
-    std::string const link = "/dev/adapter" + std::to_string(port);
-    if (!inHub || access(link.c_str(), F_OK) == 0)
+    DIR* const entries = inHub && !isNamed ? opendir(folderOfDevice().c_str()) : nullptr;
+    if (entries == nullptr)
     {
         return;
     }
-    std::string const folder = "/sys/bus/usb/devices/1-" + std::to_string(port + 1) + ":1.0";
-    if (DIR* const entries = opendir(folder.c_str()))
+    while (dirent const* const entry = readdir(entries))
     {
-        while (dirent const* const entry = readdir(entries))
+        std::string const name = entry->d_name;
+        if (name.compare(0, 6, "ttyUSB") == 0)
         {
-            std::string const name = entry->d_name;
-            if (name.compare(0, 6, "ttyUSB") == 0)
-            {
-                unlink(link.c_str());
-                static_cast<void>(symlink(("/dev/" + name).c_str(), link.c_str()) == 0);
-            }
+            unlink(nameOfLink().c_str());
+            isNamed = symlink(("/dev/" + name).c_str(), nameOfLink().c_str()) == 0;
         }
-        closedir(entries);
     }
+    closedir(entries);
+}
+
+std::string serialChip::nameOfLink() const
+{
+    return "/dev/adapter" + std::to_string(port);
+}
+
+std::string serialChip::folderOfDevice() const
+{
+    return "/sys/bus/usb/devices/1-" + std::to_string(port + 1) + ":1.0";
 }
 
 void serialChip::take(request const& asked)
@@ -341,8 +356,7 @@ void serialChip::receive(std::int64_t time_ns)
     {
         if (received.size() < RECEIVE_ROOM)
         {
-            received.push_back({*next, hasLost});
-            hasLost = false;
+            received.push_back(*next);
         }
         else
         {
@@ -373,32 +387,21 @@ bool serialChip::hasSomethingToTell(std::int64_t time_ns) const
     {
         return false;
     }
-    return received.size() >= PACKET_SIZE - STATUS_SIZE || received.front().from.time_ns + latency_ns <= time_ns;
+    return received.size() >= PACKET_SIZE - STATUS_SIZE || received.front().time_ns + latency_ns <= time_ns;
 }
 
-/// The status stands for the whole packet: a character with an error has one of its own.
+/// The errors in the status stand for every character of the packet.
 bytes serialChip::nextPacket()
 {
-    unsigned status = lineStatus();
     bytes packet{MODEM_STATUS, 0};
-    while (!received.empty() && packet.size() < PACKET_SIZE)
+    unsigned const errors = received.empty() ? 0U : errorsOf(received.front());
+    while (!received.empty() && packet.size() < PACKET_SIZE && errorsOf(received.front()) == errors)
     {
-        receivedByte const& next = received.front();
-        unsigned const errors = (next.isBehindLost ? OVERRUN : 0U) | (next.from.hasParityError ? PARITY : 0U) |
-                                (next.from.hasFramingError ? FRAMING : 0U) | (next.from.isBreak ? BREAK : 0U);
-        if (errors != 0 && packet.size() > STATUS_SIZE)
-        {
-            break;
-        }
-        packet.push_back(next.from.value);
+        packet.push_back(received.front().value);
         received.pop_front();
-        if (errors != 0)
-        {
-            status |= errors;
-            break;
-        }
     }
-    packet[1] = static_cast<unsigned char>(status);
+    packet[1] = static_cast<unsigned char>(lineStatus() | errors | (hasLost ? OVERRUN : 0U));
+    hasLost = false;
     return packet;
 }
 

@@ -23,22 +23,20 @@ class serialChip
     void pull();
     int socket() const { return inHub ? inHub->socket() : -1; }
 
-    /// Deals with requests, sends what the line takes, and answers with what it has brought.
-    void step(std::int64_t time_ns);
+    /// Deals with what the driver asks for.
+    void handleRequests();
+    /// Sends what the line takes, and answers with what it has brought.
+    void advance(std::int64_t time_ns);
     /// Whether there is something that goes on with time.
     bool isBusy() const;
 
     /// Gives the device file a name that lasts, when the kernel has made it: "/dev/adapter" and the number.
-    void nameDevice() const;
+    void nameDevice();
 
   private:
-    struct receivedByte
-    {
-        character from;
-        bool isBehindLost; ///< characters before it found no room
-    };
-
     void reset();
+    std::string nameOfLink() const;
+    std::string folderOfDevice() const;
     void take(request const& asked);
     bool cancel(std::uint32_t number);
     void control(request const& asked);
@@ -64,12 +62,13 @@ class serialChip
     format settings;
     std::int64_t latency_ns = 16'000'000;
     std::deque<unsigned char> toSend;
-    std::deque<receivedByte> received;
-    bool hasLost = false;
+    std::deque<character> received;
+    bool hasLost = false;        ///< characters for which there was no room, and which the driver does not know of
     std::deque<request> inputs;  ///< not yet answered
     std::deque<request> outputs; ///< not yet answered, the first may be sent in part
     std::size_t outputDone = 0;  ///< of the first
     bool hasToldStatus = false;
+    bool isNamed = false;
 };
 
 } // namespace adapter

@@ -53,9 +53,9 @@ int lockAsProgram(std::string const& name)
     return status;
 }
 
-void takesTheDevice()
+void takesTheDevice(lineMaker make)
 {
-    line const wires = line::betweenUarts(0);
+    line const wires = make();
     std::string const name = wires.device(0);
     ::chmod(name.c_str(), 0666);
     {
@@ -68,9 +68,9 @@ void takesTheDevice()
     expectEqual(device(name).port.open(), 0, "the result of opening it again");
 }
 
-void isFreeAfterItsProgramWasKilled()
+void isFreeAfterItsProgramWasKilled(lineMaker make)
 {
-    std::string const name = line::betweenUarts(0).device(0);
+    std::string const name = make().device(0);
     int ends[2];
     expectEqual(::pipe(ends), 0, "the result of making a pipe");
     pid_t const holder = fork();
@@ -117,11 +117,12 @@ void setsSpeeds()
     expect(!end.port.isOpen(), "the device is closed then");
 }
 
-void setsFraming()
+/// The adapters make characters of 7 and 8 bits only.
+void setsFraming(lineMaker make, unsigned fewestBits)
 {
-    line const wires = line::betweenUarts(0);
+    line const wires = make();
     device end(wires.device(0), 9600);
-    for (unsigned const dataBits : {5U, 6U, 7U, 8U})
+    for (unsigned dataBits = fewestBits; dataBits <= 8; ++dataBits)
     {
         for (PARITY_TYPE const parity : {PARITY_NONE, PARITY_ODD, PARITY_EVEN, PARITY_MARK, PARITY_SPACE})
         {
@@ -149,9 +150,9 @@ struct ends
     device right;
 };
 
-void carriesLongData()
+void carriesLongData(lineMaker make)
 {
-    line wires = line::betweenUarts(0);
+    line wires = make();
     ends both(wires, 115200);
     bytes const data = patternOf(20000); // five times what the driver takes at once
     callOnThread<transfer> sender([&] { return sendAll(both.left.port, data); });
@@ -161,9 +162,9 @@ void carriesLongData()
     expectEqual(sent.count, static_cast<unsigned>(data.size()), "the number of bytes sent");
 }
 
-void returnsAsVminAndVtimeSay()
+void returnsAsVminAndVtimeSay(lineMaker make)
 {
-    line wires = line::betweenUarts(0);
+    line wires = make();
     ends both(wires);
     both.right.port.setVminVtime(1, 255);
     sendAll(both.left.port, {1});
@@ -220,9 +221,9 @@ void keepsALineThatIsHeld()
     expect(receiveAll(both.right.port, 3) == bytes{1, 2, 3}, "the line works when it is let go");
 }
 
-void closesWhenTheLineIsDone()
+void closesWhenTheLineIsDone(lineMaker make, std::string const& driver)
 {
-    line wires = line::betweenUarts(0);
+    line wires = make();
     ends both(wires);
     bytes const data = patternOf(500);
     stopwatch watch;
@@ -236,12 +237,12 @@ void closesWhenTheLineIsDone()
     stopwatch quiet;
     expectEqual(both.right.port.close(), 0, "the result of closing");
     expect(quiet.elapsed_sec() < AT_ONCE_SEC, "a quiet device closes at once");
-    figure("close of a quiet device, 8250", 1000.0 * quiet.elapsed_sec(), "ms");
+    figure("close of a quiet device, " + driver, 1000.0 * quiet.elapsed_sec(), "ms");
 }
 
-void wakesItsReader()
+void wakesItsReader(lineMaker make)
 {
-    line wires = line::betweenUarts(0);
+    line wires = make();
     ends both(wires);
     callOnThread<transfer> receiver([&] { return receiveOnce(both.left.port); });
     receiver.awaitAsleep();
@@ -251,9 +252,9 @@ void wakesItsReader()
     expectEqual(nothing.count, 0U, "the number of its bytes");
 }
 
-void noticesAHangUp()
+void noticesAHangUp(lineMaker make)
 {
-    line wires = line::betweenUarts(0);
+    line wires = make();
     ends both(wires);
     callOnThread<transfer> receiver([&] { return receiveOnce(both.left.port); });
     receiver.awaitAsleep();
@@ -274,19 +275,25 @@ void noticesAHangUp()
 std::vector<scenario> deviceScenarios()
 {
     auto const here = lane::firstPair;
-    return {
+    std::vector<scenario> all{
         {"device-refuses-what-is-none", here, 30, refusesWhatIsNoDevice},
-        {"device-is-taken", here, 30, takesTheDevice},
-        {"device-of-a-killed-program", here, 30, isFreeAfterItsProgramWasKilled},
         {"device-speeds", here, 60, setsSpeeds},
-        {"device-framing", here, 60, setsFraming},
-        {"device-long-data", here, 60, carriesLongData},
-        {"device-vmin-vtime", here, 60, returnsAsVminAndVtimeSay},
         {"device-held-line", here, 90, keepsALineThatIsHeld},
-        {"device-close", here, 60, closesWhenTheLineIsDone},
-        {"device-reader-at-close", here, 60, wakesItsReader},
-        {"device-hang-up", here, 60, noticesAHangUp},
     };
+    auto const addFor = [&all](lane where, std::string const& prefix, std::string const& driver, lineMaker make,
+                               unsigned fewestBits) {
+        all.push_back({prefix + "-is-taken", where, 60, [=] { takesTheDevice(make); }});
+        all.push_back({prefix + "-of-a-killed-program", where, 60, [=] { isFreeAfterItsProgramWasKilled(make); }});
+        all.push_back({prefix + "-framing", where, 60, [=] { setsFraming(make, fewestBits); }});
+        all.push_back({prefix + "-long-data", where, 60, [=] { carriesLongData(make); }});
+        all.push_back({prefix + "-vmin-vtime", where, 60, [=] { returnsAsVminAndVtimeSay(make); }});
+        all.push_back({prefix + "-close", where, 60, [=] { closesWhenTheLineIsDone(make, driver); }});
+        all.push_back({prefix + "-reader-at-close", where, 60, [=] { wakesItsReader(make); }});
+        all.push_back({prefix + "-hang-up", where, 60, [=] { noticesAHangUp(make); }});
+    };
+    addFor(here, "device", "8250", firstPair, 5);
+    addFor(lane::usb, "usb-device", "USB", line::betweenAdapters, 7);
+    return all;
 }
 
 } // namespace uart

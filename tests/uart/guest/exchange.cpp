@@ -152,8 +152,8 @@ std::vector<scenario> exchangeScenarios()
         return scenario{"exchange-" + std::to_string(speed), where, 240, [=] { exchangeOnUarts(pair, speed, count); }};
     };
     return {
-        at(lane::secondPair, 1, 1200, 100), at(lane::secondPair, 1, 2400, 100),  at(lane::secondPair, 1, 9600, 200),
-        at(lane::firstPair, 0, 19200, 500), at(lane::firstPair, 0, 57600, 2000), at(lane::firstPair, 0, 115200, 2000),
+        at(lane::secondPair, 1, 1200, 100), at(lane::secondPair, 1, 2400, 100), at(lane::secondPair, 1, 9600, 200),
+        at(lane::firstPair, 0, 19200, 500), at(lane::firstPair, 0, 57600, 500), at(lane::firstPair, 0, 115200, 2000),
     };
 }
 

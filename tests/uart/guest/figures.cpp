@@ -149,7 +149,11 @@ std::vector<scenario> figureScenarios()
     return {
         {"figures-8250", lane::alone, 180,
          [] {
-             figuresOf(line::betweenUarts(0), "8250", {9600, 115200});
+             figuresOf(firstPair(), "8250", {9600, 115200});
+         }},
+        {"figures-usb", lane::alone, 180,
+         [] {
+             figuresOf(line::betweenAdapters(), "USB", {9600, 115200});
          }},
     };
 }

@@ -8,10 +8,10 @@
 #include "stopwatch.h"
 
 #include <cerrno>
-#include <fstream>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace uart
 {
@@ -45,43 +45,42 @@ void stopsOnALineThatIsHeld()
     ends.stop();
 }
 
-std::size_t memoryInUse()
+/// Kilobytes that are this process's own.
+int memory_kB()
 {
-    std::ifstream numbers("/proc/self/statm");
-    std::size_t total = 0;
-    std::size_t resident = 0;
-    numbers >> total >> resident;
-    return resident * 4096;
+    return std::stoi(kit::statusField(getpid(), "RssAnon"));
 }
 
-void startsAndStopsAgainAndAgain()
+void startsAndStopsAgainAndAgain(lineMaker make, std::string const& driver, unsigned cycles)
 {
-    constexpr unsigned CYCLES = 100;
-    constexpr unsigned WARM_UP = 20;
-    line wires = line::betweenUarts(1);
+    unsigned const warmUp = cycles / 5;
+    line wires = make();
     lineSetup setup;
     setup.speed = 115200;
     wires.setSpeed(setup.speed);
     stationPair ends(wires, setup);
     std::size_t const filesBefore = kit::openFiles().size();
-    std::size_t memoryBefore = 0;
+    int memoryBefore_kB = 0;
     kit::stopwatch const watch;
-    for (unsigned cycle = 0; cycle < CYCLES && ends.start(); ++cycle)
+    for (unsigned cycle = 0; cycle < cycles && ends.start(); ++cycle)
     {
         ends.left.forget();
         ends.left.port.sendMessage(numberedMessage(7, 4), true);
         expect(ends.left.awaitSettled(20.0), "a message is acknowledged in cycle " + std::to_string(cycle));
         ends.stop();
-        if (cycle == WARM_UP)
+        if (cycle == warmUp)
         {
-            memoryBefore = memoryInUse();
+            memoryBefore_kB = memory_kB();
         }
     }
-    figure("start, message and stop of two ports, 8250", 1000.0 * watch.elapsed_sec() / CYCLES, "ms");
+    figure(driver + ", start, message and stop of two ports", 1000.0 * watch.elapsed_sec() / cycles, "ms");
     expectEqual(ends.right.received(), 1U, "the number of different messages");
     expectEqual(kit::openFiles().size(), filesBefore, "the number of open files");
     expectEqual(kit::processThreads().size(), std::size_t{1}, "the number of threads");
-    expect(memoryInUse() < memoryBefore + 512 * 1024, "memory does not grow");
+    int const growth_kB = memory_kB() - memoryBefore_kB;
+    figure(driver + ", growth of private memory in the last " + std::to_string(cycles - warmUp) + " of them", growth_kB,
+           "kB");
+    expect(growth_kB < 512, "memory does not grow");
 }
 
 struct scheduling
@@ -161,7 +160,8 @@ std::vector<scenario> lifeScenarios()
 {
     return {
         {"stop-on-a-held-line", lane::secondPair, 120, stopsOnALineThatIsHeld},
-        {"start-and-stop", lane::secondPair, 180, startsAndStopsAgainAndAgain},
+        {"start-and-stop", lane::secondPair, 180, [] { startsAndStopsAgainAndAgain(secondPair, "8250", 100); }},
+        {"usb-start-and-stop", lane::usb, 180, [] { startsAndStopsAgainAndAgain(line::betweenAdapters, "USB", 50); }},
         {"scheduling-and-rights", lane::secondPair, 120, schedulesItsThreads},
     };
 }

