@@ -270,6 +270,25 @@ void noticesAHangUp(lineMaker make)
     expect(receiveAll(both.right.port, 3) == bytes{1, 2, 3}, "it works again");
 }
 
+/// The driver of the adapters delivers a break as a byte 00 whatever it is told.
+void readsOfABreak(lineMaker make, bytes const& expected)
+{
+    line wires = make();
+    ends both(wires);
+    both.right.port.setVminVtime(0, 5);
+    wires.sendBreak(1);
+    expect(receiveOnce(both.right.port).data == expected, "a break reads as it should");
+    sendAll(both.left.port, {1, 2, 3});
+    expect(receiveAll(both.right.port, 3) == bytes{1, 2, 3}, "what comes behind a break is read");
+}
+
+void asksForLowLatency(lineMaker make)
+{
+    line const wires = make();
+    device const end(wires.device(0), 9600);
+    expect(settingsOf(wires.device(0)).isLowLatency, "the driver is asked for low latency");
+}
+
 } // namespace
 
 std::vector<scenario> deviceScenarios()
@@ -291,6 +310,9 @@ std::vector<scenario> deviceScenarios()
         all.push_back({prefix + "-reader-at-close", where, 60, [=] { wakesItsReader(make); }});
         all.push_back({prefix + "-hang-up", where, 60, [=] { noticesAHangUp(make); }});
     };
+    all.push_back({"device-break", here, 60, [] { readsOfABreak(firstPair, {}); }});
+    all.push_back({"usb-device-break", lane::usb, 60, [] { readsOfABreak(line::betweenAdapters, {0}); }});
+    all.push_back({"usb-device-latency", lane::usb, 60, [] { asksForLowLatency(line::betweenAdapters); }});
     addFor(here, "device", "8250", firstPair, 5);
     addFor(lane::usb, "usb-device", "USB", line::betweenAdapters, 7);
     return all;

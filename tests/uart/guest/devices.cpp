@@ -97,7 +97,8 @@ heldSettings settingsOf(std::string const& deviceName)
     seen.control(TCGETS2, &values);
     bool const tellsClock = seen.control(TIOCGSERIAL, &driver) == 0;
     return {values.c_ospeed, values.c_cflag & (CSIZE | PARENB | PARODD | CMSPAR | CSTOPB),
-            tellsClock ? static_cast<unsigned>(driver.baud_base) : 0U};
+            tellsClock ? static_cast<unsigned>(driver.baud_base) : 0U,
+            (driver.flags & static_cast<int>(ASYNC_LOW_LATENCY)) != 0};
 }
 
 unsigned framingOf(unsigned dataBits, PARITY_TYPE parity, unsigned stopBits)

@@ -48,6 +48,7 @@ struct heldSettings
     unsigned speed;
     unsigned framing;  ///< of the c_cflag: size, parity and stop bits
     unsigned baudBase; ///< the driver's clock, 0 when it does not tell
+    bool isLowLatency;
 };
 
 heldSettings settingsOf(std::string const& deviceName);

@@ -8,6 +8,7 @@
 #include "stopwatch.h"
 
 #include <cerrno>
+#include <fstream>
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -154,6 +155,41 @@ void schedulesItsThreads()
     expect(permitted.empty(), "an ordinary user with the right has real-time threads; " + permitted);
 }
 
+void tellDriver(std::string const& file)
+{
+    std::ofstream stream("/sys/bus/pci/drivers/serial/" + file);
+    stream << "0000:00:01.0" << std::flush;
+    expect(stream.good(), "the driver of the card does as it is told: " + file);
+}
+
+/// The card loses its driver, as when it is pulled out, and gets it back.
+void comesBackWithItsDriver()
+{
+    line wires = line::betweenUarts(0);
+    lineSetup setup;
+    setup.speed = 19200;
+    wires.setSpeed(setup.speed);
+    stationPair ends(wires, setup);
+    ends.start();
+    expectExchange(ends, 100, "at first");
+    tellDriver("unbind");
+    for (station* const each : {&ends.left, &ends.right})
+    {
+        expect(kit::waitUntil([&] { return !each->log.lines().empty(); }), "the loss of the device is logged");
+        kit::stopwatch const stopping;
+        expect(each->stop(), "a port without its device stops");
+        expect(stopping.elapsed_sec() < 5.0, "it stops at once");
+        expect(!each->start(), "a port does not start without its device");
+    }
+    tellDriver("bind");
+    for (station* const each : {&ends.left, &ends.right})
+    {
+        expect(kit::waitUntil([&] { return each->start(); }), "a port starts when its device is back");
+    }
+    expectExchange(ends, 200, "when the devices are back");
+    ends.stop();
+}
+
 } // namespace
 
 std::vector<scenario> lifeScenarios()
@@ -162,6 +198,7 @@ std::vector<scenario> lifeScenarios()
         {"stop-on-a-held-line", lane::secondPair, 120, stopsOnALineThatIsHeld},
         {"start-and-stop", lane::secondPair, 180, [] { startsAndStopsAgainAndAgain(secondPair, "8250", 100); }},
         {"usb-start-and-stop", lane::usb, 180, [] { startsAndStopsAgainAndAgain(line::betweenAdapters, "USB", 50); }},
+        {"driver-unbound", lane::alone, 120, comesBackWithItsDriver},
         {"scheduling-and-rights", lane::secondPair, 120, schedulesItsThreads},
     };
 }
