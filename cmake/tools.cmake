@@ -2,6 +2,14 @@
 # vectors at it. Built for installing, and so without the test framework.
 find_package(CLI11 REQUIRED)
 
+# They find the libraries in the same prefix, wherever it has been moved to.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_BINDIR})
+  set(tools_rpath ${CMAKE_INSTALL_FULL_LIBDIR})
+else()
+  file(RELATIVE_PATH tools_rpath "/${CMAKE_INSTALL_BINDIR}" "/${CMAKE_INSTALL_LIBDIR}")
+  string(PREPEND tools_rpath "$ORIGIN/")
+endif()
+
 # gssip_add_tool(NAME FOLDERS folder... FILES source...): the sources include from the folders.
 function(gssip_add_tool name)
   cmake_parse_arguments(PARSE_ARGV 1 tool "" "" "FOLDERS;FILES")
@@ -12,7 +20,7 @@ function(gssip_add_tool name)
     OUTPUT_NAME ${name}
     RUNTIME_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/tools
     BUILD_RPATH_USE_ORIGIN ON
-    INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    INSTALL_RPATH "${tools_rpath}")
   target_compile_options(tool_${name} PRIVATE "$<$<NOT:$<CONFIG:Debug>>:${GSSIP_PREFIX_MAPS}>")
   install(TARGETS tool_${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES packaging/man/${name}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
