@@ -29,7 +29,8 @@
 namespace
 {
 
-constexpr std::size_t PORTS = kit::isSanitized ? 100 : 500; // a sanitizer's threads need a hundred times the memory
+// A sanitizer's threads need a hundred times the memory; 32-bit addresses have room for few stacks of 8 MiB.
+constexpr std::size_t PORTS = sizeof(void*) == 4 ? 60 : (kit::isSanitized ? 100 : 500);
 constexpr std::size_t THREADS_OF_A_PORT = 4;
 
 /// For each port three ends of terminals or event descriptors on its side and one on ours, and some more.
