@@ -3,6 +3,7 @@
 
 #include "discardingLog.h"
 #include "exchange.h"
+#include "memory.h"
 #include "processState.h"
 #include "scenario.h"
 #include "stopwatch.h"
@@ -10,7 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <fstream>
 #include <thread>
 
 namespace uart
@@ -88,12 +88,6 @@ void throughput(line& wires, std::string const& driver, unsigned speed)
            100.0 * bytes * ends.setup.byteTime_sec() / time_sec, "%");
 }
 
-/// Kilobytes of this process, by the name that the system gives them.
-double memory_kB(std::string const& name)
-{
-    return std::stod(kit::statusField(getpid(), name));
-}
-
 std::uint64_t switchesOf(std::vector<kit::threadState> const& threads)
 {
     std::uint64_t sum = 0;
@@ -112,15 +106,15 @@ void idle(line const& wires, std::string const& driver)
 {
     discardingLog log;
     monotonicTimeStamp clock;
-    double const before_kB = memory_kB("VmRSS");
-    double const ownBefore_kB = memory_kB("RssAnon");
+    double const before_kB = memory_kB("Rss");
+    double const ownBefore_kB = memory_kB("Private_Dirty");
     kit::threadWatch const threads;
     gssipPort port(wires.device(0), clock, &log, false);
     expect(port.start(), "the port starts");
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    figure(driver + ", resident memory of the process with a started port", memory_kB("VmRSS"), "kB");
-    figure(driver + ", more than before", memory_kB("VmRSS") - before_kB, "kB");
-    figure(driver + ", more private memory than before", memory_kB("RssAnon") - ownBefore_kB, "kB");
+    figure(driver + ", resident memory of the process with a started port", memory_kB("Rss"), "kB");
+    figure(driver + ", more than before", memory_kB("Rss") - before_kB, "kB");
+    figure(driver + ", more private memory than before", memory_kB("Private_Dirty") - ownBefore_kB, "kB");
     std::uint64_t const switches = switchesOf(threads.added());
     std::this_thread::sleep_for(std::chrono::seconds(5));
     std::uint64_t const more = switchesOf(threads.added()) - switches;

@@ -2,6 +2,7 @@
 
 #include "devices.h"
 #include "exchange.h"
+#include "memory.h"
 #include "ordinaryUser.h"
 #include "processState.h"
 #include "scenario.h"
@@ -46,12 +47,6 @@ void stopsOnALineThatIsHeld()
     ends.stop();
 }
 
-/// Kilobytes that are this process's own.
-int memory_kB()
-{
-    return std::stoi(kit::statusField(getpid(), "RssAnon"));
-}
-
 void startsAndStopsAgainAndAgain(lineMaker make, std::string const& driver, unsigned cycles)
 {
     unsigned const warmUp = cycles / 5;
@@ -61,7 +56,7 @@ void startsAndStopsAgainAndAgain(lineMaker make, std::string const& driver, unsi
     wires.setSpeed(setup.speed);
     stationPair ends(wires, setup);
     std::size_t const filesBefore = kit::openFiles().size();
-    int memoryBefore_kB = 0;
+    double memoryBefore_kB = 0.0;
     kit::stopwatch const watch;
     for (unsigned cycle = 0; cycle < cycles && ends.start(); ++cycle)
     {
@@ -71,14 +66,14 @@ void startsAndStopsAgainAndAgain(lineMaker make, std::string const& driver, unsi
         ends.stop();
         if (cycle == warmUp)
         {
-            memoryBefore_kB = memory_kB();
+            memoryBefore_kB = memory_kB("Private_Dirty");
         }
     }
     figure(driver + ", start, message and stop of two ports", 1000.0 * watch.elapsed_sec() / cycles, "ms");
     expectEqual(ends.right.received(), 1U, "the number of different messages");
     expectEqual(kit::openFiles().size(), filesBefore, "the number of open files");
     expectEqual(kit::processThreads().size(), std::size_t{1}, "the number of threads");
-    int const growth_kB = memory_kB() - memoryBefore_kB;
+    double const growth_kB = memory_kB("Private_Dirty") - memoryBefore_kB;
     figure(driver + ", growth of private memory in the last " + std::to_string(cycles - warmUp) + " of them", growth_kB,
            "kB");
     expect(growth_kB < 512, "memory does not grow");
