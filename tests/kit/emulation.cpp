@@ -28,6 +28,13 @@ bool terminalAnswers(unsigned long request)
 
 } // namespace
 
+bool isEmulated()
+{
+    std::string name; // of the first thread: the emulator's own
+    std::getline(std::ifstream("/proc/self/comm"), name);
+    return name.rfind("qemu-", 0) == 0;
+}
+
 bool hasArbitraryRates()
 {
     return terminalAnswers<termios2>(TCGETS2);
@@ -57,9 +64,7 @@ bool hasSystemCallFilters()
 
 bool givesThreadMemoryBack()
 {
-    std::string name; // of the first thread: the emulator's own
-    std::getline(std::ifstream("/proc/self/comm"), name);
-    return name.rfind("qemu-", 0) != 0;
+    return !isEmulated();
 }
 
 } // namespace kit

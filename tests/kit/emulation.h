@@ -8,6 +8,9 @@
 namespace kit
 {
 
+/// Whether the program runs by user-mode emulation.
+bool isEmulated();
+
 /// Speeds that have no constant of their own.
 bool hasArbitraryRates();
 constexpr char const* NO_ARBITRARY_RATES = "this system knows standard rates only (no TCGETS2)";

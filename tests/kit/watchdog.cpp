@@ -2,6 +2,8 @@
 
 #include "watchdog.h"
 
+#include "emulation.h"
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,7 +17,7 @@ extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*call
 namespace
 {
 
-constexpr unsigned limit_sec = 30;
+unsigned const limit_sec = kit::isEmulated() ? 120 : 30;
 
 char message[512];
 char inCase[512]; ///< empty while no case is watched
