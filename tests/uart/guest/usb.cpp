@@ -200,7 +200,7 @@ void exchangesOnABadLine()
     for (station* const each : {&ends.left, &ends.right})
     {
         expect(each->awaitSettled(30.0), "every message comes to an end");
-        expect(each->received() >= COUNT * 9 / 10, "nine of ten messages arrive");
+        expect(each->received() >= COUNT * 98 / 100, "98 of 100 messages arrive, more than would at the first try");
         expect(each->mostCopies() <= 2, "no message arrives more than twice");
         expect(each->spoilt() <= 2, "the checksums let next to nothing through");
     }
