@@ -107,6 +107,30 @@ void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::st
     figure(title + ", use of the line", 100.0 * bytes * ends.setup.byteTime_sec() / time_sec, "%");
 }
 
+void exchangeOnABadLine(stationPair& ends, std::string const& title)
+{
+    constexpr double PATIENCE_SEC = 30.0;
+    // 4 of 100 messages of 20 bytes are hit, and 4 of 100 of those once more when they are sent again: 1.6 of 1000 do
+    // not arrive, or a few more, and never as many as this. Without resending it would be about 39.
+    constexpr unsigned MOST_LOST = 2 * MESSAGES_ON_A_BAD_LINE * 15 / 1000;
+    expect(feedBoth(ends, 1, MESSAGES_ON_A_BAD_LINE, PATIENCE_SEC), "the line moves on");
+    // Both ends before anything is counted: what one has not settled the other has yet to receive.
+    expect(ends.left.awaitSettled(PATIENCE_SEC), "every message from the left comes to an end");
+    expect(ends.right.awaitSettled(PATIENCE_SEC), "every message from the right comes to an end");
+    for (station const* const each : {&ends.left, &ends.right})
+    {
+        expect(each->mostCopies() <= 2, "no message arrives more than twice");
+        expect(each->spoilt() <= 2, "the checksums let next to nothing through");
+    }
+    unsigned const arrived = ends.left.received() + ends.right.received();
+    note(title + ": of " + std::to_string(2 * MESSAGES_ON_A_BAD_LINE) + " messages " + std::to_string(arrived) +
+         " arrived, " + std::to_string(ends.left.repeated() + ends.right.repeated()) + " of them twice, " +
+         std::to_string(ends.left.spoilt() + ends.right.spoilt()) + " with a wrong content, " +
+         std::to_string(ends.left.port.resent + ends.right.port.resent) + " were sent again");
+    expect(arrived + MOST_LOST >= 2 * MESSAGES_ON_A_BAD_LINE,
+           "resending brings what is lost, but for " + std::to_string(MOST_LOST) + " messages at most");
+}
+
 void expectExchange(stationPair& ends, unsigned first, std::string const& when)
 {
     constexpr unsigned COUNT = 5;

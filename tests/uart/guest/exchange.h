@@ -29,6 +29,13 @@ bool feedBoth(stationPair& ends, unsigned first, unsigned count, double patience
 /// Prints the rate and what was sent again.
 void exchangeBothWays(stationPair& ends, unsigned first, unsigned count, std::string const& title);
 
+/// How many messages go from each end of a line that spoils characters.
+constexpr unsigned MESSAGES_ON_A_BAD_LINE = 500;
+
+/// Sends so many tracked messages from each end while the line spoils two of 1000 characters, and expects that
+/// resending brings what did not arrive at the first try.
+void exchangeOnABadLine(stationPair& ends, std::string const& title);
+
 /// A few messages each way: the line is as it should be.
 void expectExchange(stationPair& ends, unsigned first, std::string const& when);
 

@@ -1,4 +1,5 @@
-// Runs the scenarios named, or all of them, and prints what each has found, a count and the figures.
+// Runs the scenarios named, each as often as it is named, or all of them once, and prints what each has found, a count
+// and the figures.
 
 #include "scenario.h"
 
@@ -62,6 +63,18 @@ std::vector<scenario> allScenarios()
     }
     std::fflush(nullptr);
     _exit(uart::failures() == 0 ? 0 : 1);
+}
+
+/// Those that are named, as often as they are named; all when none is.
+std::vector<scenario> chosenScenarios(std::vector<std::string> const& names)
+{
+    std::vector<scenario> const all = allScenarios();
+    std::vector<scenario> chosen;
+    for (scenario const& each : all)
+    {
+        chosen.insert(chosen.end(), static_cast<std::size_t>(std::count(names.begin(), names.end(), each.name)), each);
+    }
+    return names.empty() ? all : chosen;
 }
 
 double now_sec()
@@ -158,14 +171,7 @@ void runSideBySide(std::vector<scenario> const& all, std::vector<lane> const& la
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> const wanted(argv + 1, argv + argc);
-    std::vector<scenario> all = allScenarios();
-    all.erase(std::remove_if(all.begin(), all.end(),
-                             [&](scenario const& each) {
-                                 return !wanted.empty() &&
-                                        std::find(wanted.begin(), wanted.end(), each.name) == wanted.end();
-                             }),
-              all.end());
+    std::vector<scenario> const all = chosenScenarios({argv + 1, argv + argc});
     if (all.empty())
     {
         std::printf("there is no such scenario\n");

@@ -21,11 +21,14 @@ void pause()
 
 gssipMessage numberedMessage(unsigned number, unsigned dataWords, std::uint16_t flags)
 {
+    // No word of the data is one of the header: where a line loses the number, the first word of the data takes its
+    // place in the header's checksum, which does not look at the order.
+    constexpr unsigned FIRST_WORD = 0x5555;
     gssipMessage message(static_cast<std::uint16_t>(number), flags, 0);
     std::vector<std::uint16_t> words(std::max(dataWords, 1U));
     for (std::size_t place = 0; place < words.size(); ++place)
     {
-        words[place] = static_cast<std::uint16_t>(number + 257 * place);
+        words[place] = static_cast<std::uint16_t>(FIRST_WORD + number + 257 * place);
     }
     message.setData(words);
     return message;
@@ -118,6 +121,19 @@ std::size_t station::outstanding()
     std::size_t const queued = port.getNumberQueuedMessages(); // first: what leaves the queue goes to the tracker
     sentry const lock(tracker.eventQMutex);
     return queued + tracker.eventQ.size();
+}
+
+std::size_t station::promised()
+{
+    kit::exposedReceive& receiving = kit::exposedReceive::of(*port.receiver);
+    std::lock_guard<std::mutex> const lock(receiving.frameMutex);
+    if (receiving.state != gssipReceive::DATA_STATE)
+    {
+        return 0;
+    }
+    auto const& come = receiving.frameBuffer;
+    std::size_t const whole = (come[4] + 256U * come[5] + 6U) * 2;
+    return whole - std::min(whole, come.size());
 }
 
 unsigned station::received() const

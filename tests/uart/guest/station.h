@@ -69,6 +69,9 @@ class station
     /// Waits until no message awaits its acknowledgement any more.
     bool awaitSettled(double patience_sec, std::chrono::microseconds look = std::chrono::milliseconds(5));
 
+    /// How many bytes of a message are still to come whose header has come.
+    std::size_t promised();
+
     unsigned received() const;        ///< how many different messages have come
     unsigned repeated() const;        ///< how many of them came more than once
     unsigned disordered() const;      ///< how often a number came that was lower than the one before

@@ -42,11 +42,9 @@ void burst(unsigned count)
     expect(onAMovingMachine(0.3, [&] { return burstArrivesOnce(count); }), "every message arrives once");
 }
 
-/// Messages both ways on a line that spoils characters. None may come more than twice, and all must have come to an
-/// end; what the checksums let through is counted.
-void exchangeOnABadLine(std::string const& what, void (line::*spoil)(unsigned, double))
+/// Messages both ways on a line that spoils characters in one way.
+void exchangeOnALineThat(void (line::*spoil)(unsigned, double), std::string const& title)
 {
-    constexpr unsigned COUNT = 300;
     line wires = line::betweenUarts(0);
     lineSetup setup;
     setup.speed = 38400;
@@ -58,25 +56,9 @@ void exchangeOnABadLine(std::string const& what, void (line::*spoil)(unsigned, d
     {
         (wires.*spoil)(end, 0.002);
     }
-    feedBoth(ends, 1, COUNT, 30.0);
-    for (station* const each : {&ends.left, &ends.right})
-    {
-        expect(each->awaitSettled(30.0), "every message comes to an end");
-    }
-    line::counts const counts = wires.count(0);
+    exchangeOnABadLine(ends, title);
+    expect(wires.count(0).spoilt > 0, "the line spoils characters");
     wires.mend();
-    for (station* const each : {&ends.left, &ends.right})
-    {
-        expect(each->received() >= COUNT * 98 / 100, "98 of 100 messages arrive, more than would at the first try");
-        expect(each->mostCopies() <= 2, "no message arrives more than twice");
-        expect(each->spoilt() <= COUNT / 100, "checksums let next to nothing through");
-        expect(each->port.resent > 0, "something is sent again");
-    }
-    expect(counts.spoilt > 0, "the line spoils characters");
-    note(what + ": of " + std::to_string(2 * COUNT) + " messages " +
-         std::to_string(ends.left.received() + ends.right.received()) + " arrived, " +
-         std::to_string(ends.left.repeated() + ends.right.repeated()) + " of them twice, " +
-         std::to_string(ends.left.spoilt() + ends.right.spoilt()) + " with a wrong content");
     expectExchange(ends, 1000, "when the line is good again");
     ends.stop();
 }
@@ -142,8 +124,8 @@ std::vector<scenario> trafficScenarios()
     return {
         {"burst-10", lane::secondPair, 120, [] { burst(10); }},
         {"burst-20", lane::secondPair, 180, [] { burst(20); }},
-        {"line-that-loses", lane::firstPair, 180, [] { exchangeOnABadLine("lost characters", &line::lose); }},
-        {"line-that-flips", lane::firstPair, 180, [] { exchangeOnABadLine("flipped bits", &line::flip); }},
+        {"line-that-loses", lane::firstPair, 180, [] { exchangeOnALineThat(&line::lose, "lost characters"); }},
+        {"line-that-flips", lane::firstPair, 180, [] { exchangeOnALineThat(&line::flip, "flipped bits"); }},
         {"breaks-on-an-idle-line", lane::firstPair, 120, breaksOnAnIdleLine},
         {"breaks-in-messages", lane::firstPair, 120, breaksInTheMiddleOfMessages},
     };

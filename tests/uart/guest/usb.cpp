@@ -103,6 +103,41 @@ void lineIsAsRealOnesAre()
     expect(errorsOf(wires.device(1)).framing > before.framing, "the driver counts framing errors");
 }
 
+/// The settings that the line was made for, in a port that stays started.
+void setRight(stationPair& ends)
+{
+    for (station* const each : {&ends.left, &ends.right})
+    {
+        expectEqual(each->configure(ends.setup), 0, "the result of configuring");
+    }
+}
+
+/// Among spoilt bytes there may be a header whose checksum happens to be right. The receiver then waits for all that it
+/// promises, 128 KiB at most. That is sent here, so that whatever comes behind it has to arrive.
+void sendWhatIsPromised(stationPair& ends, station& from, station& to)
+{
+    constexpr std::size_t ORDINARY_MESSAGE = 20; // the next message makes up for it, and is sent again
+    constexpr int TIMES = 10;                    // an adapter may lose some of it
+    std::size_t promised = to.promised();
+    if (promised <= ORDINARY_MESSAGE)
+    {
+        return;
+    }
+    note("a header that nobody has sent promises " + std::to_string(promised) + " bytes more");
+    ends.left.configure(setupFor(115200));
+    ends.right.configure(setupFor(115200));
+    for (int times = 0; promised > 0 && times < TIMES; ++times)
+    {
+        bytes const filling(promised, 0xFF);
+        unsigned sent = 0;
+        from.port.send(filling.data(), static_cast<unsigned>(filling.size()), sent);
+        kit::waitUntil([&] { return to.promised() == 0; }, std::chrono::seconds(1));
+        promised = to.promised();
+    }
+    expectEqual(promised, std::size_t{0}, "what is missing of a message when all has come");
+    setRight(ends);
+}
+
 /// Exchanges while the right end is set in a way that the left does not know; what the checksums let through is
 /// counted. Gives how many messages arrived.
 unsigned messagesThrough(stationPair& ends, lineSetup const& wrong, std::string const& what)
@@ -123,8 +158,9 @@ unsigned messagesThrough(stationPair& ends, lineSetup const& wrong, std::string 
     note(what + ": of " + std::to_string(2 * COUNT) + " messages " + std::to_string(arrived) + " arrived, " +
          std::to_string(spoilt) + " with a wrong content that the checksums let through");
     expect(spoilt <= 2, "the checksums let next to nothing through");
-    ends.left.configure(ends.setup);
-    ends.right.configure(ends.setup);
+    setRight(ends);
+    sendWhatIsPromised(ends, ends.left, ends.right);
+    sendWhatIsPromised(ends, ends.right, ends.left);
     return arrived;
 }
 
@@ -185,7 +221,6 @@ void breaksCostNothing()
 
 void exchangesOnABadLine()
 {
-    constexpr unsigned COUNT = 200;
     line wires = line::betweenAdapters();
     lineSetup setup = setupFor(38400);
     setup.ackTimeout_sec = 0.5;
@@ -196,14 +231,7 @@ void exchangesOnABadLine()
         wires.flip(end, 0.001);
         wires.lose(end, 0.001);
     }
-    feedBoth(ends, 1, COUNT, 30.0);
-    for (station* const each : {&ends.left, &ends.right})
-    {
-        expect(each->awaitSettled(30.0), "every message comes to an end");
-        expect(each->received() >= COUNT * 98 / 100, "98 of 100 messages arrive, more than would at the first try");
-        expect(each->mostCopies() <= 2, "no message arrives more than twice");
-        expect(each->spoilt() <= 2, "the checksums let next to nothing through");
-    }
+    exchangeOnABadLine(ends, "lost characters and flipped bits");
     expect(wires.count(0).spoilt > 0, "the line spoils characters");
     wires.mend();
     expectExchange(ends, 1000, "when the line is good again");
