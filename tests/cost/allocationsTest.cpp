@@ -36,8 +36,10 @@ constexpr double NEVER_SEC = 1e6;
 std::vector<std::uint16_t> const DATA(15, 0x1234);
 
 // What the queues' blocks have room for: 512 bytes, of messages with what stands beside them.
-constexpr double QUEUED = 1.0 / (512 / sizeof(std::tuple<gssipMessage, bool>));
-constexpr double RECEIVED = 1.0 / (512 / sizeof(gssipMessage));
+constexpr std::size_t QUEUED_IN_BLOCK = 512 / sizeof(std::tuple<gssipMessage, bool>);
+constexpr std::size_t RECEIVED_IN_BLOCK = 512 / sizeof(gssipMessage);
+constexpr double QUEUED = 1.0 / QUEUED_IN_BLOCK;
+constexpr double RECEIVED = 1.0 / RECEIVED_IN_BLOCK;
 
 class Allocations : public testing::TestWithParam<unsigned>
 {
