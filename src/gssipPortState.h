@@ -27,7 +27,7 @@ class gssipPort::queueAccess
 {
   public:
     explicit queueAccess(gssipPort& portToAccess) : port(portToAccess), lock(portToAccess.txMutex) {}
-    ~queueAccess() { port.own->queued = static_cast<unsigned>(port.txQueue.size()); }
+    ~queueAccess() { port.own->queued.store(static_cast<unsigned>(port.txQueue.size()), std::memory_order_relaxed); }
     queueAccess(queueAccess const&) = delete;
     queueAccess& operator=(queueAccess const&) = delete;
 

@@ -23,17 +23,17 @@ class lineClock
     /// The driver took so many characters, each of which needs `byteTime_ns` on the line (0: there is no line).
     void took(std::int64_t now_ns, unsigned characters, std::int64_t byteTime_ns) noexcept
     {
-        end_ns = std::max(endOfLine_ns(), now_ns) + characters * byteTime_ns;
+        end_ns.store(std::max(endOfLine_ns(), now_ns) + characters * byteTime_ns, std::memory_order_relaxed);
     }
 
     /// The driver still holds so many characters: the end cannot be nearer than they take. A line that is a little
     /// slower than computed would otherwise fall behind by more with every message.
     void holds(std::int64_t now_ns, unsigned characters, std::int64_t byteTime_ns) noexcept
     {
-        end_ns = std::max(endOfLine_ns(), now_ns + characters * byteTime_ns);
+        end_ns.store(std::max(endOfLine_ns(), now_ns + characters * byteTime_ns), std::memory_order_relaxed);
     }
 
-    std::int64_t endOfLine_ns() const noexcept { return end_ns; }
+    std::int64_t endOfLine_ns() const noexcept { return end_ns.load(std::memory_order_relaxed); }
 
     /// The earliest time to hand over the next message: the gap after the end, or without a gap just before the end, so
     /// that the line does not pause.

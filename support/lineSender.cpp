@@ -17,6 +17,7 @@ namespace
 
 /// A line that takes no byte for so long is blocked.
 constexpr std::int64_t BLOCKED_AFTER_NS = 2 * NS_PER_SEC;
+constexpr std::int64_t NOT_BLOCKED = NEVER_NS;
 
 // What a close grants to the bytes that are on their way.
 constexpr std::int64_t CLOSE_LIMIT_NS = 2 * NS_PER_SEC;
@@ -65,8 +66,7 @@ int lineSender::send(unsigned char const* bytes, unsigned count, unsigned& sent,
 /// driver has kept up with what was computed.
 int lineSender::keepDistance(wakeableDescriptor::use& use)
 {
-    lineSettings const settingsInForce = settings.now();
-    std::int64_t const gap_ns = settingsInForce.gap_ns();
+    std::int64_t const gap_ns = settings.gap_ns();
     if (!hasLine)
     {
         return gap_ns == 0 ? 0 : sleepUntil(use, line.earliestNext_ns(gap_ns));
@@ -74,7 +74,7 @@ int lineSender::keepDistance(wakeableDescriptor::use& use)
     int status = sleepUntil(use, line.earliestNext_ns(gap_ns));
     if (status == 0)
     {
-        line.holds(monotonicNow_ns(), terminal::queuedOutput(use.descriptor()), settingsInForce.byteTime_ns());
+        line.holds(monotonicNow_ns(), terminal::queuedOutput(use.descriptor()), settings.byteTime_ns());
         // No longer than a line may stand: what cannot be written then, the driver will tell.
         status = sleepUntil(use, std::min(line.earliestNext_ns(gap_ns), monotonicNow_ns() + BLOCKED_AFTER_NS));
     }
@@ -90,8 +90,7 @@ int lineSender::sleepUntil(wakeableDescriptor::use& use, std::int64_t time_ns)
 int lineSender::writeAll(wakeableDescriptor::use& use, unsigned char const* bytes, unsigned count, unsigned& sent,
                          std::function<void()> const& beforeFirstByte)
 {
-    std::int64_t const byteTime_ns = hasLine ? settings.now().byteTime_ns() : 0;
-    std::int64_t progress_ns = monotonicNow_ns();
+    std::int64_t blockedSince_ns = NOT_BLOCKED;
     while (sent < count)
     {
         if (use.isCutOff())
@@ -107,11 +106,10 @@ int lineSender::writeAll(wakeableDescriptor::use& use, unsigned char const* byte
         {
             auto const taken = static_cast<unsigned>(written);
             sent += taken;
-            bytesTaken += taken;
-            progress_ns = monotonicNow_ns();
-            line.took(progress_ns, taken, byteTime_ns);
+            noteTaken(taken);
+            blockedSince_ns = NOT_BLOCKED;
         }
-        else if (int const status = afterNothingWritten(written, use, progress_ns); status != 0)
+        else if (int const status = afterNothingWritten(written, use, blockedSince_ns); status != 0)
         {
             return status;
         }
@@ -119,7 +117,17 @@ int lineSender::writeAll(wakeableDescriptor::use& use, unsigned char const* byte
     return 0;
 }
 
-int lineSender::afterNothingWritten(ssize_t written, wakeableDescriptor::use& use, std::int64_t& progress_ns)
+void lineSender::noteTaken(unsigned count)
+{
+    // Changed by who has the line alone, so that it need not be added to in one step.
+    bytesTaken.store(bytesTaken.load(std::memory_order_relaxed) + count, std::memory_order_relaxed);
+    if (hasLine || settings.gap_ns() != 0) // else nobody asks when the line ends
+    {
+        line.took(monotonicNow_ns(), count, hasLine ? settings.byteTime_ns() : 0);
+    }
+}
+
+int lineSender::afterNothingWritten(ssize_t written, wakeableDescriptor::use& use, std::int64_t& blockedSince_ns)
 {
     if (written == 0)
     {
@@ -129,14 +137,18 @@ int lineSender::afterNothingWritten(ssize_t written, wakeableDescriptor::use& us
     {
         return 0;
     }
-    return errno == EAGAIN ? waitForRoom(use, progress_ns) : errno;
+    return errno == EAGAIN ? waitForRoom(use, blockedSince_ns) : errno;
 }
 
 /// Waits until the driver takes bytes again. It may say so only when it is nearly empty, seconds from now on a slow
 /// line: as long as it passes bytes on, the line is not blocked.
-int lineSender::waitForRoom(wakeableDescriptor::use& use, std::int64_t& progress_ns)
+int lineSender::waitForRoom(wakeableDescriptor::use& use, std::int64_t& blockedSince_ns)
 {
-    std::int64_t const deadline_ns = progress_ns + BLOCKED_AFTER_NS;
+    if (blockedSince_ns == NOT_BLOCKED)
+    {
+        blockedSince_ns = monotonicNow_ns();
+    }
+    std::int64_t const deadline_ns = blockedSince_ns + BLOCKED_AFTER_NS;
     unsigned const queued = terminal::queuedOutput(use.descriptor());
     wakeableDescriptor::ending const end = use.wait(POLLOUT, deadline_ns);
     if (end == wakeableDescriptor::ending::closed)
@@ -155,7 +167,7 @@ int lineSender::waitForRoom(wakeableDescriptor::use& use, std::int64_t& progress
     {
         return ETIMEDOUT;
     }
-    progress_ns = monotonicNow_ns();
+    blockedSince_ns = monotonicNow_ns();
     return 0;
 }
 
@@ -187,14 +199,14 @@ void lineSender::finish(int descriptor)
 /// The end of the last character and of the gap behind it.
 std::int64_t lineSender::busyUntil_ns() const
 {
-    return std::max(line.endOfLine_ns(), line.earliestNext_ns(settings.now().gap_ns()));
+    return std::max(line.endOfLine_ns(), line.earliestNext_ns(settings.gap_ns()));
 }
 
 /// Sleeps as long as what is queued needs, but no longer than until the last sender has left or it is time to look.
 void lineSender::watch(unsigned queued)
 {
     std::int64_t const now_ns = monotonicNow_ns();
-    std::int64_t const end_ns = std::max(now_ns + queued * settings.now().byteTime_ns(), line.endOfLine_ns());
+    std::int64_t const end_ns = std::max(now_ns + queued * settings.byteTime_ns(), line.endOfLine_ns());
     std::int64_t const until_ns = std::clamp(end_ns, now_ns + CLOSE_SHORTEST_LOOK_NS, now_ns + CLOSE_LONGEST_LOOK_NS);
     if (device.hasWriters())
     {

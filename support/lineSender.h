@@ -38,8 +38,9 @@ class lineSender
     static int sleepUntil(wakeableDescriptor::use& use, std::int64_t time_ns);
     int writeAll(wakeableDescriptor::use& use, unsigned char const* bytes, unsigned count, unsigned& sent,
                  std::function<void()> const& beforeFirstByte);
-    static int afterNothingWritten(ssize_t written, wakeableDescriptor::use& use, std::int64_t& progress_ns);
-    static int waitForRoom(wakeableDescriptor::use& use, std::int64_t& progress_ns);
+    void noteTaken(unsigned count);
+    static int afterNothingWritten(ssize_t written, wakeableDescriptor::use& use, std::int64_t& blockedSince_ns);
+    static int waitForRoom(wakeableDescriptor::use& use, std::int64_t& blockedSince_ns);
 
     bool isIdle(unsigned queued) const;
     std::int64_t busyUntil_ns() const;

@@ -267,7 +267,7 @@ int serialPort::setInterMsgGapBits(unsigned bits)
 
 int serialPort::getByteTransmitTime(double& seconds)
 {
-    seconds = own->settings.now().byteTime_sec();
+    seconds = own->settings.byteTime_sec();
     return 0;
 }
 

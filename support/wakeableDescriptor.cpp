@@ -62,13 +62,11 @@ std::chrono::steady_clock::time_point steadyTime(std::int64_t ns)
 
 } // namespace
 
-wakeableDescriptor::use::use(wakeableDescriptor& wakeable, role purposeOfUse) : owner(wakeable), purpose(purposeOfUse)
+wakeableDescriptor::use::use(wakeableDescriptor& wakeable, role purposeOfUse)
+    : owner(wakeable), purpose(purposeOfUse), generationSeen(wakeable.generation) // first: what comes later is noticed
 {
-    std::lock_guard<std::mutex> const lock(owner.mutex);
-    generationSeen = owner.generation; // NOLINT(cppcoreguidelines-prefer-member-initializer): under the lock
-    if (owner.openNow)
+    if (owner.enter(purpose))
     {
-        ++owner.usersOf(purpose);
         descriptorNumber = owner.descriptor;
         wakeNumber = purpose == role::reader ? owner.readerWake : owner.writerWake;
     }
@@ -78,12 +76,7 @@ wakeableDescriptor::use::~use()
 {
     if (descriptorNumber >= 0)
     {
-        std::lock_guard<std::mutex> const lock(owner.mutex);
-        --owner.usersOf(purpose);
-        if (!owner.openNow) // somebody who closes may wait for this user
-        {
-            owner.changed.notify_all();
-        }
+        owner.leave(purpose);
     }
 }
 
@@ -117,6 +110,36 @@ std::optional<wakeableDescriptor::ending> wakeableDescriptor::use::waitOnce(shor
     return ending::ready;
 }
 
+bool wakeableDescriptor::enter(role purpose)
+{
+    std::uint32_t now = users;
+    while ((now & CLOSED) == 0)
+    {
+        if (users.compare_exchange_weak(now, now + one(purpose)))
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// This object may be gone as soon as the last user is counted out. So nothing is touched after that, but for the mutex
+/// when somebody closes, who waits for the users and cannot go on before it is free.
+void wakeableDescriptor::leave(role purpose)
+{
+    std::uint32_t now = users;
+    while ((now & CLOSED) == 0)
+    {
+        if (users.compare_exchange_weak(now, now - one(purpose)))
+        {
+            return;
+        }
+    }
+    std::lock_guard<std::mutex> const lock(mutex);
+    users -= one(purpose);
+    changed.notify_all();
+}
+
 wakeableDescriptor::~wakeableDescriptor()
 {
     closeIfOpen(readerWake);
@@ -143,7 +166,7 @@ int wakeableDescriptor::adopt(int opened)
     cut = false;
     interrupted = false;
     ++generation;
-    openNow = true;
+    users = users & ~CLOSED; // nobody enters or leaves meanwhile
     changed.notify_all();
     return 0;
 }
@@ -172,17 +195,16 @@ wakeableDescriptor::ending wakeableDescriptor::pause(std::uint64_t since, std::i
     {
         return ending::timeout;
     }
-    return openNow ? ending::reopened : ending::closed;
+    return isOpen() ? ending::reopened : ending::closed;
 }
 
 int wakeableDescriptor::beginClose()
 {
     std::lock_guard<std::mutex> const lock(mutex);
-    if (!openNow)
+    if ((users.fetch_or(CLOSED) & CLOSED) != 0)
     {
         return -1;
     }
-    openNow = false;
     ++generation;
     wake(readerWake);
     changed.notify_all();
@@ -196,22 +218,16 @@ void wakeableDescriptor::cutOff()
     wake(writerWake);
 }
 
-bool wakeableDescriptor::hasWriters()
-{
-    std::lock_guard<std::mutex> const lock(mutex);
-    return writers != 0;
-}
-
 bool wakeableDescriptor::waitForWriters(std::int64_t deadline_ns)
 {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_until(lock, steadyTime(deadline_ns), [this] { return writers == 0; });
+    return changed.wait_until(lock, steadyTime(deadline_ns), [this] { return !hasWriters(); });
 }
 
 void wakeableDescriptor::waitForUsers()
 {
     std::unique_lock<std::mutex> lock(mutex);
-    changed.wait(lock, [this] { return writers == 0 && others == 0; });
+    changed.wait(lock, [this] { return users == CLOSED; });
 }
 
 int wakeableDescriptor::release()

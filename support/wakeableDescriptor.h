@@ -69,7 +69,7 @@ class wakeableDescriptor
     /// Makes an open descriptor available. On failure (errno) it stays the caller's.
     int adopt(int opened);
 
-    bool isOpen() const noexcept { return openNow; }
+    bool isOpen() const noexcept { return (users & CLOSED) == 0; }
 
     /// Ends the wait or pause of a reader that is inside, or else of the next one, until the descriptor is reopened.
     void interruptReader();
@@ -80,7 +80,7 @@ class wakeableDescriptor
     /// The descriptor, still open, for those that watch the writers finish; -1 when it was not open.
     int beginClose();
     void cutOff();
-    bool hasWriters();
+    bool hasWriters() const noexcept { return (users & WRITERS) != 0; }
     /// Waits until no writer is inside; false at the deadline.
     bool waitForWriters(std::int64_t deadline_ns);
     void waitForUsers();
@@ -88,22 +88,31 @@ class wakeableDescriptor
     int release();
 
   private:
+    static constexpr std::uint32_t CLOSED = 0x8000'0000;
+    static constexpr std::uint32_t WRITERS = 0x7FFF'0000;
+    static constexpr std::uint32_t ONE_WRITER = 0x0001'0000;
+    static constexpr std::uint32_t ONE_OTHER = 0x0000'0001;
+
+    static std::uint32_t one(role purpose) { return purpose == role::writer ? ONE_WRITER : ONE_OTHER; }
+    bool enter(role purpose);
+    void leave(role purpose);
     std::optional<ending> whyWoken(role purpose);
     void takeInterruption();
-    unsigned& usersOf(role purpose) { return purpose == role::writer ? writers : others; }
 
-    std::atomic<bool> openNow{false}; // these two are changed under the mutex, and read without it
-    std::atomic<bool> cut{false};
+    /// How many writers and others are inside, and CLOSED, which is set and cleared under the mutex. Nobody enters a
+    /// closed descriptor, and who leaves one does so under the mutex.
+    std::atomic<std::uint32_t> users{CLOSED};
+    std::atomic<bool> cut{false};               // these two are changed under the mutex, and read without it
+    std::atomic<std::uint64_t> generation{0};
 
-    std::mutex mutex; ///< guards everything below; nothing else is locked while it is held, and no I/O waits
+    std::mutex mutex; ///< nothing else is locked while it is held, and no I/O waits
     std::condition_variable changed;
+    bool interrupted = false; // guarded by the mutex
+
+    // Stay as they are while anybody is inside.
     int descriptor = -1;
     int readerWake = -1; // event descriptors, as old as `descriptor`
     int writerWake = -1;
-    unsigned writers = 0;
-    unsigned others = 0;
-    bool interrupted = false;
-    std::uint64_t generation = 0;
 };
 
 } // namespace gssipInternal

@@ -4,6 +4,7 @@
 #include "referenceDecoder.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <string>
 
@@ -14,14 +15,21 @@ namespace
 
 using ids = std::vector<std::uint16_t>;
 
-/// Those of the application; what ports write by themselves is left out.
-std::vector<kit::decodedFrame> applicationFrames(bytes const& stream, std::size_t& errors)
+/// Those of the application; what ports write by themselves is left out. Each session is for itself: a message that is
+/// cut off when the device goes away does not reach into the next.
+std::vector<kit::decodedFrame> applicationFrames(std::vector<bytes> const& sessions, std::size_t& errors)
 {
-    kit::decodedStream decoded = kit::decode(stream);
-    errors = decoded.headerErrors;
-    auto const isReply = [](kit::decodedFrame const& frame) { return (frame.flags & gssipMessage::REPLY_FLAG) != 0; };
-    decoded.frames.erase(std::remove_if(decoded.frames.begin(), decoded.frames.end(), isReply), decoded.frames.end());
-    return decoded.frames;
+    std::vector<kit::decodedFrame> frames;
+    errors = 0;
+    for (bytes const& stream : sessions)
+    {
+        kit::decodedStream decoded = kit::decode(stream);
+        errors += decoded.headerErrors;
+        std::copy_if(std::make_move_iterator(decoded.frames.begin()), std::make_move_iterator(decoded.frames.end()),
+                     std::back_inserter(frames),
+                     [](kit::decodedFrame const& frame) { return (frame.flags & gssipMessage::REPLY_FLAG) == 0; });
+    }
+    return frames;
 }
 
 std::string text(ids const& all)
@@ -78,13 +86,10 @@ void judgeCopies(scheduler& schedule, station const& sender, std::map<std::uint1
 ids idsRead(station const& receiver)
 {
     ids all;
-    for (bytes const& session : receiver.wire().readAt(receiver.place()))
+    std::size_t errors = 0;
+    for (kit::decodedFrame const& frame : applicationFrames(receiver.wire().readAt(receiver.place()), errors))
     {
-        std::size_t errors = 0;
-        for (kit::decodedFrame const& frame : applicationFrames(session, errors))
-        {
-            all.push_back(frame.id);
-        }
+        all.push_back(frame.id);
     }
     return all;
 }

@@ -40,7 +40,7 @@ class line::node : public device, public std::enable_shared_from_this<line::node
 
     std::shared_ptr<openFile> open() override;
 
-    ssize_t take(std::uint8_t const* first, std::size_t count);
+    ssize_t take(std::size_t session, std::uint8_t const* first, std::size_t count);
     void arrive(bytes const& content);
     void hold();
     void letFlow();
@@ -59,13 +59,14 @@ class line::node : public device, public std::enable_shared_from_this<line::node
     unsigned openings = 0;
     termios2 settings{};
     std::deque<std::uint8_t> input;
-    bytes hasLeft;
+    std::vector<bytes> hasLeft; // both of each opening
     std::vector<bytes> wasRead;
     std::uint64_t lost = 0;
 
   private:
     struct batch
     {
+        std::size_t session;
         bytes content;
         std::int64_t leaves_ns;
     };
@@ -124,6 +125,7 @@ class line::opening : public openFile
             owner->input.clear();
         }
         owner->wasRead.emplace_back();
+        owner->hasLeft.emplace_back();
     }
     ~opening() override
     {
@@ -157,7 +159,7 @@ class line::opening : public openFile
 
     ssize_t write(void const* content, std::size_t count) override
     {
-        return hasHungUp() ? failWith(EIO) : owner->take(static_cast<std::uint8_t const*>(content), count);
+        return hasHungUp() ? failWith(EIO) : owner->take(session, static_cast<std::uint8_t const*>(content), count);
     }
 
     short ready(short events) override
@@ -285,7 +287,7 @@ unsigned line::node::driverCount() const
     return characters - std::min(characters, traits.hardware);
 }
 
-ssize_t line::node::take(std::uint8_t const* first, std::size_t count)
+ssize_t line::node::take(std::size_t session, std::uint8_t const* first, std::size_t count)
 {
     std::size_t taken = std::min<std::size_t>(count, traits.ring - std::min(traits.ring, driverCount()));
     if (taken == 0)
@@ -296,7 +298,7 @@ ssize_t line::node::take(std::uint8_t const* first, std::size_t count)
     {
         taken = 1 + schedule.schedulersChance().below(taken - 1);
     }
-    output.push_back({bytes(first, first + taken), 0});
+    output.push_back({session, bytes(first, first + taken), 0});
     planLeaving();
     return static_cast<ssize_t>(taken);
 }
@@ -338,8 +340,9 @@ void line::node::letLeave()
     while (!held && !output.empty() && output.front().leaves_ns <= schedule.now_ns())
     {
         bytes const content = std::move(output.front().content);
+        bytes& record = hasLeft[output.front().session];
         output.pop_front();
-        hasLeft.insert(hasLeft.end(), content.begin(), content.end());
+        record.insert(record.end(), content.begin(), content.end());
         if (std::shared_ptr<state> const living = whole.lock())
         {
             living->carry(here, content);
@@ -438,7 +441,7 @@ void line::inject(end from, bytes const& content)
     own->schedule.filesChanged();
 }
 
-bytes const& line::left(end from) const
+std::vector<bytes> const& line::left(end from) const
 {
     return own->ends[from]->hasLeft;
 }

@@ -60,10 +60,11 @@ class line
     /// Puts bytes on the line as if the device of that end had sent them.
     void inject(end from, bytes const& content);
 
-    // What has happened so far. Bytes that were thrown away by a flush or an unplugging have not left.
+    // What has happened so far, with one entry for each opening of the device where there are several. Bytes that were
+    // thrown away by a flush or an unplugging have not left.
 
-    bytes const& left(end from) const;                 ///< what has left the device of that end
-    std::vector<bytes> const& readAt(end which) const; ///< what was read there: one entry for each opening
+    std::vector<bytes> const& left(end from) const;    ///< what has left the device of that end
+    std::vector<bytes> const& readAt(end which) const; ///< what was read there
     unsigned openings(end which) const;                ///< how many exist now
     std::uint64_t lostAt(end which) const;             ///< bytes that arrived while the device was not open
     bool isIdle() const; ///< nothing is on its way, and nothing waits to be read; what a medium delays does not count
