@@ -20,7 +20,6 @@ using namespace std::chrono_literals;
 
 constexpr std::int64_t NS_PER_SEC = 1'000'000'000;
 constexpr unsigned BITS_PER_CHARACTER = 10;
-constexpr double HANDSHAKE_SEC = 0.6;
 
 liberties drawLiberties(dice& chance)
 {
@@ -126,23 +125,12 @@ struct scene
     /// Both ports are started; everything that is under way ends, and the accounts must be right.
     void judge(circumstances const& under)
     {
-        goOn();
         awaitQuiet(schedule, left, right);
         expectThreads(8 + 2);
         for (station* each : {&left, &right})
         {
             judgeSent(schedule, *each, under);
             judgeReceived(schedule, *each, under);
-        }
-    }
-
-    /// Who has waited before the gate without a limit has waited long enough.
-    void goOn()
-    {
-        for (station* each : {&left, &right})
-        {
-            each->port.setHandshakeTimeout_sec(HANDSHAKE_SEC);
-            each->port.signalPortReady();
         }
     }
 
@@ -559,7 +547,6 @@ void blockedLine(scheduler& schedule)
         }
         std::this_thread::sleep_for(100ms);
     }
-    scene.goOn();
     awaitQuiet(schedule, scene.left, scene.right);
     scene.end();
 }

@@ -47,6 +47,9 @@ class station
     /// The port must be started and have its listener.
     bool isQuiet();
 
+    /// Lets go who waits before the gate, and bounds the waits to come.
+    void openGate();
+
     line::end place() const { return here; }
     line const& wire() const { return cable; }
     ledger const& account() const { return book; }
@@ -72,7 +75,12 @@ class station
     std::thread listener;
 };
 
-/// Sleeps until both stations and their line are quiet; fails the schedule when that takes too long.
+/// Seconds that a message waits at most before the gate.
+constexpr double HANDSHAKE_SEC = 0.6;
+
+/// Sleeps until both stations and their line are quiet; fails the schedule when that takes too long. Who waits before
+/// the gate without a limit has waited long enough: the gates are opened now and then, since one thread or the other
+/// may have heard of no limit and come to wait only later.
 void awaitQuiet(scheduler& schedule, station& one, station& other);
 
 } // namespace schedules
