@@ -162,12 +162,13 @@ inline waitInGate()
 
 inline announce(m)
 {
-    firstPossibleAnswer = NOT_YET;
     atomic {
+        !eventQMutex ->
+        firstPossibleAnswer = NOT_YET;
+        announced = awaited;
         announcedId = id[m];
         announcedMessage = m
     }
-    announced = awaited
 }
 
 inline registerMessage(m)

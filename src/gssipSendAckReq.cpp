@@ -64,12 +64,12 @@ struct gssipSendAckReq::privateState
 
     // Guarded by eventQMutex.
     wallClockFollower clock;
+    std::uint16_t announcedId = 0;
     std::size_t inOrder = 0; ///< length of `eventQ` as it was left here, sorted
 
-    /// Of the message that is being written and not yet registered. The writer alone announces, while there is none;
-    /// what follows from that, and the end of it, happens under eventQMutex.
+    /// Of the message that is being written and not yet registered. Changed under eventQMutex; that there is none is
+    /// known without it to the writer, who alone announces.
     std::atomic<fate> announced{fate::none};
-    std::uint16_t announcedId = 0; ///< of the same message; changed before it is announced
 
     /// The number of the first message to be received after the driver was offered the announced message's first byte:
     /// what came before cannot answer it. Without a lock, since the writer's locks come after `eventQMutex`.
@@ -225,12 +225,12 @@ void gssipSendAckReq::followClock()
     }
 }
 
-/// Without the lock: nobody looks at the rest while nothing is announced, and only then does this change it.
 void gssipSendAckReq::announce(gssipMessage const& message)
 {
+    fairSentry const lock(own->door, eventQMutex);
     own->firstPossibleAnswer = NOT_YET;
-    own->announcedId = message.getId();
     own->announced = fate::awaited;
+    own->announcedId = message.getId();
 }
 
 void gssipSendAckReq::announcedIsOnItsWay(std::uint64_t arrivals)
