@@ -102,7 +102,7 @@ class wakeableDescriptor
     /// How many writers and others are inside, and CLOSED, which is set and cleared under the mutex. Nobody enters a
     /// closed descriptor, and who leaves one does so under the mutex.
     std::atomic<std::uint32_t> users{CLOSED};
-    std::atomic<bool> cut{false};               // these two are changed under the mutex, and read without it
+    std::atomic<bool> cut{false}; // these two are changed under the mutex, and read without it
     std::atomic<std::uint64_t> generation{0};
 
     std::mutex mutex; ///< nothing else is locked while it is held, and no I/O waits
