@@ -165,15 +165,7 @@ void gssipPort::endThreads()
 
 std::shared_ptr<gssipReceive> gssipPort::currentReceiver() const
 {
-    std::lock_guard<std::mutex> const lock(own->receiving);
-    return receiver;
-}
-
-std::shared_ptr<gssipReceive> gssipPort::exchangeReceiver(std::shared_ptr<gssipReceive> next)
-{
-    std::lock_guard<std::mutex> const lock(own->receiving);
-    receiver.swap(next);
-    return next;
+    return std::atomic_load(&receiver);
 }
 
 int gssipPort::initializeReceiveThread()
@@ -195,7 +187,7 @@ int gssipPort::constructReceiver()
     {
         auto const made = std::make_shared<gssipReceive>(*this, log);
         own->newest = made.get(); // first: what is taken from it is never taken for a former one's
-        exchangeReceiver(made);
+        std::atomic_store(&receiver, made);
     }
     catch (std::system_error const& failure) // a thread could not be created
     {
@@ -206,7 +198,7 @@ int gssipPort::constructReceiver()
 
 int gssipPort::uninitializeReceiveThread()
 {
-    std::shared_ptr<gssipReceive> former = exchangeReceiver(nullptr);
+    std::shared_ptr<gssipReceive> former = std::atomic_exchange(&receiver, std::shared_ptr<gssipReceive>());
     if (former != nullptr)
     {
         former->endThreads(); // the object itself goes with the last caller of getMessage that is inside

@@ -137,7 +137,7 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     std::atomic<double> rxInterCharGap_sec; ///< as last set, not as rounded for the device
     std::atomic<bool> rxAutoAck;
 
-    /// Null but from the start to the stop of the receive side; not to be touched while either may run. Callers of
+    /// Null but from the start to the stop of the receive side; to be read with std::atomic_load. Callers of
     /// `getMessage` share it, so that its queue outlives the stop that they were waiting through.
     std::shared_ptr<gssipReceive> receiver;
 
@@ -173,7 +173,6 @@ class GSSIP_EXPORT gssipPort : public gssipPortInterface
     int stopEverything();
     void endThreads();
     std::shared_ptr<gssipReceive> currentReceiver() const;
-    std::shared_ptr<gssipReceive> exchangeReceiver(std::shared_ptr<gssipReceive> next); // returns the former one
     int constructReceiver();
 
     int transmitNext(gssipMessage& message, int previousStatus);

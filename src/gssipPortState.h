@@ -14,7 +14,6 @@
 struct gssipPort::privateState
 {
     std::mutex lifecycle; ///< serialises start and stop; the first lock in any order
-    std::mutex receiving; ///< guards `receiver`; nothing is locked or called while it is held
     gssipInternal::ownedThread transmit;
     gssipInternal::turnstile writers;                 ///< before `sendMutex`
     std::vector<std::uint8_t> image;                  ///< of the frame that is being written; guarded by sendMutex
