@@ -17,8 +17,6 @@
  */
 #include "sync.pml"
 
-#define USERS 2
-
 byte inside             /* the count of the word that both share, */
 bool closed = true      /* and its flag */
 bool mutex, ownerAsleep
@@ -123,7 +121,7 @@ proctype user()
         if
         :: done ->
             assert(open && !destroyed);
-            assert(open && !destroyed); /* once more: for as long as it is inside */
+            assert(open && !destroyed); /* a step later too: for as long as it is inside */
             leave()
         :: !done
         fi
